@@ -1,0 +1,22 @@
+#ifndef XK_TESTSUPPORT_INTERPOSE_H
+#define XK_TESTSUPPORT_INTERPOSE_H
+
+#include <ctime>
+#include <string>
+
+namespace xk {
+namespace test {
+namespace interpose {
+
+// Manual wall clock for time(); off means the real clock.
+void SetManualTime(bool on, std::time_t now);
+std::time_t ManualTime();
+void AddManualMilliseconds(long long milliseconds);
+
+void SetKeyFileRedirect(const std::string& path);
+
+}  // namespace interpose
+}  // namespace test
+}  // namespace xk
+
+#endif

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: a plain build, then a build with
+# AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+bash "$root/scripts/install-deps.sh"
+jobs="${JOBS:-$(nproc)}"
+
+run_suite() {
+  local name="$1"; shift
+  echo "=== $name build ==="
+  bash "$root/scripts/build.sh" "$name" "$@"
+  echo "=== $name tests ==="
+  (cd "$root/build/$name" && ctest --output-on-failure -j "$jobs" ${CTEST_ARGS:-})
+}
+
+run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite asan -DCMAKE_BUILD_TYPE=Debug -DMSTORE_SANITIZE=address,undefined -DMSTORE_BENCH=OFF
+echo "all test suites passed"

@@ -1,0 +1,101 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "xk/log.h"
+#include "xk/testsupport.h"
+
+using xk::log::Bit;
+using xk::test::LogCapture;
+
+TEST(Log, RecordsCarryModuleLevelAndFormattedText) {
+  LogCapture capture;
+  xklogLog("SRVTEST", 16, "CThing::Do hr = 0x%x", 0x80004005u);
+  xklogLog("SRVTEST", 0, "value %s %d", "x", -3);
+  auto entries = capture.Entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].module, "SRVTEST");
+  EXPECT_EQ(entries[0].level, 16);
+  EXPECT_EQ(entries[0].text, "CThing::Do hr = 0x80004005");
+  EXPECT_TRUE(capture.Contains(0, "value x -3"));
+
+  std::string big(3000, 'q');
+  xklogLog("SRVTEST", 2, "%s|end", big.c_str());
+  EXPECT_TRUE(capture.Contains(2, big + "|end"));  // longer than the formatting buffer on the stack
+}
+
+TEST(Log, ALevelThatIsOffFormatsNothing) {
+  LogCapture capture;
+  xk::log::SetLevelMask(Bit(1) | Bit(16));
+  int written = -1;
+  // %n stores the count of characters formatted so far: it is untouched only if
+  // the call never reached the formatter.
+  xklogLog("SRVTEST", 2, "abc%n", &written);
+  xklogLog("SRVTEST", 8, "abc%n", &written);
+  EXPECT_EQ(written, -1);
+  EXPECT_TRUE(capture.Entries().empty());
+  xklogLog("SRVTEST", 16, "abc%n", &written);
+  EXPECT_EQ(written, 3);
+  xklogLog("SRVTEST", -1, "negative");
+  xklogLog("SRVTEST", 64, "too high");
+  EXPECT_EQ(capture.Entries().size(), 1u);
+}
+
+TEST(Log, WithoutSinksNothingIsFormattedWhateverTheMask) {
+  std::uint64_t saved = xk::log::GetLevelMask();
+  xk::log::SetLevelMask(xk::log::kAllLevels);
+  int written = -1;
+  xklogLog("SRVTEST", 1, "abc%n", &written);
+  EXPECT_EQ(written, -1);
+  xk::log::SetLevelMask(saved);
+}
+
+TEST(Log, ParseLevelsAcceptsNumbersNamesAllAndNone) {
+  std::uint64_t mask = 12345;
+  EXPECT_TRUE(xk::log::ParseLevels("0,1, 2,8,16", &mask));
+  EXPECT_EQ(mask, Bit(0) | Bit(1) | Bit(2) | Bit(8) | Bit(16));
+  EXPECT_TRUE(xk::log::ParseLevels("failure,exit", &mask));
+  EXPECT_EQ(mask, Bit(1) | Bit(16));
+  EXPECT_TRUE(xk::log::ParseLevels("all", &mask));
+  EXPECT_EQ(mask, xk::log::kAllLevels);
+  EXPECT_TRUE(xk::log::ParseLevels("none", &mask));
+  EXPECT_EQ(mask, 0u);
+  for (const char* bad : {"", "1,,2", "64", "-1", "errors", "1;2", "8x"}) {
+    mask = 77;
+    EXPECT_FALSE(xk::log::ParseLevels(bad, &mask)) << bad;
+    EXPECT_EQ(mask, 77u) << bad;
+  }
+}
+
+TEST(Log, FileSinkAppendsOneLinePerRecordWithPrivatePermissions) {
+  char dir[] = "/tmp/xklog.XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  std::string path = std::string(dir) + "/log.txt";
+  std::uint64_t saved = xk::log::GetLevelMask();
+  ASSERT_TRUE(xk::log::SetFileSink(path.c_str()));
+  xk::log::SetLevelMask(Bit(1));
+  xklogLog("SRVMOD", 1, "first %d", 1);
+  xklogLog("SRVMOD", 2, "filtered");
+  xklogLog("SRVMOD", 1, "second");
+  ASSERT_TRUE(xk::log::SetFileSink(nullptr));
+  xklogLog("SRVMOD", 1, "after close");
+  xk::log::SetLevelMask(saved);
+
+  std::ifstream in(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find(" SRVMOD [1] first 1"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find(" SRVMOD [1] second"), std::string::npos) << lines[1];
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_FALSE(xk::log::SetFileSink((std::string(dir) + "/no/such/dir/log").c_str()));
+  std::remove(path.c_str());
+  rmdir(dir);
+}
