@@ -19,8 +19,8 @@ namespace Framework {
 
 // Numeric error codes carried by IException.
 enum CryptoError : unsigned int {
-  kCryptoInvalidArgument = 4000,    // a NULL, an unknown name, a bad size or IV
-  kCryptoUnsupported = 4001,        // an algorithm, mode, padding or format not offered
+  kCryptoInvalidArgument = 4000,    // a NULL, a foreign object, a bad size or IV, a key format other than "RAW"
+  kCryptoUnsupported = 4001,        // an algorithm, mode, padding or key type not offered
   kCryptoNotInitialised = 4002,     // Cipher::DoFinal before Init
   kCryptoOperationFailed = 4003,    // OpenSSL failed (including a bad padding on decryption)
   kCryptoRandomFailed = 4004,       // the DRBG gave no bytes

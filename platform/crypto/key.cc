@@ -1,0 +1,62 @@
+#include "key.h"
+
+#include <cstring>
+#include <memory>
+
+#include "algorithm.h"
+#include "exception.h"
+
+namespace xk {
+namespace crypto {
+
+Key::Key(std::size_t size, const SecureString& label) : m_Bytes(size), m_Label(label) {}
+
+std::size_t Key::GetSize() const {
+  Enter("IKey::GetSize");
+  return m_Bytes.Size();
+}
+
+const SecureString& Key::GetLabel() const {
+  Enter("IKey::GetLabel");
+  return m_Label;
+}
+
+SecureByteVector Key::Export() const {
+  static constexpr const char* kOperation = "IKey::Export";
+  Enter(kOperation);
+  return Guarded(kOperation, [this] { return SecureByteVector(m_Bytes.Data(), m_Bytes.Data() + m_Bytes.Size()); });
+}
+
+const Key& Key::From(const QX::Framework::IKey* key, const char* operation) {
+  if (key == nullptr) Throw(QX::Framework::kCryptoInvalidArgument, operation, "NULL key");
+  const auto* own = dynamic_cast<const Key*>(key);
+  if (own == nullptr) Throw(QX::Framework::kCryptoInvalidArgument, operation, "key not made by this library");
+  return *own;
+}
+
+}  // namespace crypto
+}  // namespace xk
+
+namespace QX {
+namespace Framework {
+
+IKey::~IKey() = default;
+
+IKey* IKey::Create(IAlgorithm* algorithm, SecureString format, const SecureByteVector& bytes) {
+  static constexpr const char* kOperation = "IKey::Create";
+  if (xk::crypto::EnterFactory(kOperation)) return nullptr;
+  xk::crypto::Algorithm::From(algorithm, kOperation);
+  // "RAW" is the only format: the key bytes as they stand.
+  if (format != "RAW") xk::crypto::Throw(kCryptoInvalidArgument, kOperation, "unknown key format");
+  if (!xk::crypto::Algorithm::TakesKeySize(bytes.size())) {
+    xk::crypto::Throw(kCryptoInvalidArgument, kOperation, "key size not 16, 24 or 32 bytes");
+  }
+  return xk::crypto::Guarded(kOperation, [&] {
+    auto key = std::make_unique<xk::crypto::Key>(bytes.size(), SecureString());
+    std::memcpy(key->Bytes(), bytes.data(), bytes.size());
+    return key.release();
+  });
+}
+
+}  // namespace Framework
+}  // namespace QX

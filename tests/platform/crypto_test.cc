@@ -1,0 +1,334 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "xk/crypto.h"
+#include "xk/fault_point.h"
+
+using namespace QX::Framework;
+
+namespace {
+
+SecureByteVector Hex(const std::string& text) {
+  SecureByteVector bytes;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) bytes.push_back(static_cast<unsigned char>(std::stoul(text.substr(i, 2), nullptr, 16)));
+  return bytes;
+}
+
+SecureByteVector Bytes(std::size_t n, unsigned char seed) {
+  SecureByteVector bytes(n);
+  for (std::size_t i = 0; i < n; ++i) bytes[i] = static_cast<unsigned char>(seed + 7 * i);
+  return bytes;
+}
+
+const SecureByteVector kIv = Hex("000102030405060708090a0b0c0d0e0f");
+const char* const kPlain =
+    "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
+    "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710";
+
+// Runs `body`; returns the code of the IException it throws (deleting it), or 0.
+unsigned ErrorOf(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (IException* e) {
+    const unsigned code = e->GetErrorCode();
+    EXPECT_NE(std::string(e->GetMessage()), "");
+    delete e;
+    return code;
+  }
+  return 0;
+}
+
+std::unique_ptr<IKey> RawKey(const SecureByteVector& bytes) {
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  return std::unique_ptr<IKey>(IKey::Create(algorithm.get(), "RAW", bytes));
+}
+
+// The volatile key sequence of the library: every object but the key is
+// deleted before the key is used.
+std::unique_ptr<IKey> GeneratedKey(std::size_t size, const char* label = "store_AES_NVC_VOLATILE_KEY") {
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  std::unique_ptr<ICryptoParserParameterMap> map(ICryptoParserParameterMap::Create());
+  map->SetKeyType("TypeVolatile");
+  map->SetKeyLabel(label);
+  std::unique_ptr<KeyGenerator> generator(KeyGenerator::Create(algorithm.get(), map.get()));
+  return std::unique_ptr<IKey>(generator->GenerateKey(size));
+}
+
+// One value through the library's per-value cipher sequence.
+SecureByteVector Transform(IKey* key, int direction, const SecureByteVector& input, const char* padding = "PKCS7",
+                           const char* mode = "CBC", const SecureByteVector& iv = kIv) {
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  std::unique_ptr<ICryptoParserParameterMap> map(ICryptoParserParameterMap::Create());
+  map->SetPadding(padding);
+  map->SetIV(iv);
+  map->SetChainingMode(mode);
+  std::unique_ptr<Cipher> cipher(Cipher::Create(algorithm.get(), map.get()));
+  cipher->Init(direction, key);
+  SecureByteVector output;
+  cipher->DoFinal(input, output);
+  return output;
+}
+
+class CryptoTest : public ::testing::Test {
+ protected:
+  void TearDown() override { xk::fault::Reset(); }
+};
+
+TEST_F(CryptoTest, PublishedCbcAndEcbVectors) {
+  const SecureByteVector plain = Hex(kPlain);
+  auto key = RawKey(Hex("2b7e151628aed2a6abf7158809cf4f3c"));
+  const SecureByteVector cbc = Hex(
+      "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
+      "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7");
+  EXPECT_EQ(Transform(key.get(), Cipher::kEncrypt, plain, "None"), cbc);
+  EXPECT_EQ(Transform(key.get(), Cipher::kDecrypt, cbc, "None"), plain);
+
+  const SecureByteVector ecb = Hex(
+      "3ad77bb40d7a3660a89ecaf32466ef97f5d3d58503b9699de785895a96fdbaaf"
+      "43b1cd7f598ece23881b00e3ed0306887b0c785e27e8ad3f8223207104725dd4");
+  EXPECT_EQ(Transform(key.get(), Cipher::kEncrypt, plain, "None", "ECB", {}), ecb);
+  EXPECT_EQ(Transform(key.get(), Cipher::kDecrypt, ecb, "None", "ECB", {}), plain);
+
+  // The key size picks AES-192 and AES-256 (first blocks of their CBC vectors).
+  auto key192 = RawKey(Hex("8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b"));
+  auto key256 = RawKey(Hex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4"));
+  const SecureByteVector block(plain.begin(), plain.begin() + 16);
+  EXPECT_EQ(Transform(key192.get(), Cipher::kEncrypt, block, "None"), Hex("4f021db243bc633d7178183a9fa071e8"));
+  EXPECT_EQ(Transform(key256.get(), Cipher::kEncrypt, block, "None"), Hex("f58c4c04d6e5f1ba779eabfb5f7bfbd6"));
+}
+
+TEST_F(CryptoTest, OneCipherServesSeveralValuesAndOutlivesKeyAndMap) {
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  std::unique_ptr<ICryptoParserParameterMap> map(ICryptoParserParameterMap::Create());
+  map->SetIV(kIv);
+  map->SetPadding("None");
+  std::unique_ptr<Cipher> cipher(Cipher::Create(algorithm.get(), map.get()));
+  map.reset();
+  algorithm.reset();
+  auto key = RawKey(Hex("2b7e151628aed2a6abf7158809cf4f3c"));
+  cipher->Init(Cipher::kEncrypt, key.get());
+  key.reset();
+
+  // Each DoFinal starts again from the IV; a failed one does not spoil the next.
+  const SecureByteVector plain = Hex(kPlain);
+  SecureByteVector first, second;
+  cipher->DoFinal(plain, first);
+  EXPECT_EQ(ErrorOf([&] { cipher->DoFinal(Bytes(5, 1), second); }), kCryptoOperationFailed);
+  EXPECT_TRUE(second.empty()) << "a failed DoFinal leaves the output alone";
+  second = Bytes(99, 3);
+  cipher->DoFinal(plain, second);
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(first, Hex("7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
+                       "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7"));
+}
+
+TEST_F(CryptoTest, Pkcs7Padding) {
+  auto key = RawKey(Hex("2b7e151628aed2a6abf7158809cf4f3c"));
+  const SecureByteVector sixteen = Bytes(16, 9);
+  const SecureByteVector sealed = Transform(key.get(), Cipher::kEncrypt, sixteen);
+  ASSERT_EQ(sealed.size(), 32u);
+  const SecureByteVector raw = Transform(key.get(), Cipher::kDecrypt, sealed, "None");
+  EXPECT_EQ(SecureByteVector(raw.begin(), raw.begin() + 16), sixteen);
+  EXPECT_EQ(SecureByteVector(raw.begin() + 16, raw.end()), SecureByteVector(16, 0x10));
+  EXPECT_EQ(Transform(key.get(), Cipher::kEncrypt, Bytes(40, 1)).size(), 48u);
+
+  for (std::size_t n = 0; n <= 33; ++n) {
+    const SecureByteVector value = Bytes(n, static_cast<unsigned char>(n));
+    const SecureByteVector blob = Transform(key.get(), Cipher::kEncrypt, value);
+    EXPECT_EQ(blob.size(), (n / 16 + 1) * 16) << n;
+    EXPECT_EQ(Transform(key.get(), Cipher::kDecrypt, blob), value) << n;
+  }
+
+  // A damaged last block decrypts to garbage whose last byte is no padding
+  // (fixed key and value, so always the same garbage); a flip in the block
+  // before turns the padding byte 0x10 into 0x4a.
+  SecureByteVector damaged = sealed;
+  damaged.back() ^= 0x5a;
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, damaged); }), kCryptoOperationFailed);
+  damaged = sealed;
+  damaged[15] ^= 0x5a;
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, damaged); }), kCryptoOperationFailed);
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, {}); }), kCryptoOperationFailed);
+}
+
+TEST_F(CryptoTest, GeneratedKeysAreFreshAndOutliveTheirMakers) {
+  auto a = GeneratedKey(16, "one");
+  auto b = GeneratedKey(16, "two");
+  EXPECT_EQ(a->GetSize(), 16u);
+  EXPECT_EQ(a->Export().size(), 16u);
+  EXPECT_NE(a->Export(), b->Export());
+  EXPECT_NE(a->Export(), SecureByteVector(16, 0));
+  EXPECT_EQ(a->GetLabel(), "one");
+  EXPECT_EQ(b->GetLabel(), "two");
+  EXPECT_EQ(GeneratedKey(24)->Export().size(), 24u);
+  EXPECT_EQ(GeneratedKey(32)->GetSize(), 32u);
+
+  // The makers are gone; the key still encrypts (ASan reports any use of them).
+  const SecureByteVector value = Bytes(40, 4);
+  EXPECT_EQ(Transform(a.get(), Cipher::kDecrypt, Transform(a.get(), Cipher::kEncrypt, value)), value);
+  const SecureByteVector bytes = Hex("000102030405060708090a0b0c0d0e0f");
+  auto raw = RawKey(bytes);
+  EXPECT_EQ(raw->Export(), bytes);
+  EXPECT_EQ(raw->GetLabel(), "");
+}
+
+long LockedKilobytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmLck:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+TEST_F(CryptoTest, KeyBytesAreLockedInMemory) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "AddressSanitizer turns mlock into a no-op";
+#endif
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+  if (limit.rlim_cur != RLIM_INFINITY && limit.rlim_cur < 64 * 1024) GTEST_SKIP() << "RLIMIT_MEMLOCK too small";
+  const long before = LockedKilobytes();
+  ASSERT_GE(before, 0);
+  auto key = GeneratedKey(16);
+  EXPECT_GE(LockedKilobytes(), before + 4);
+  key.reset();
+  EXPECT_EQ(LockedKilobytes(), before);
+}
+
+TEST_F(CryptoTest, ErrorCodes) {
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  std::unique_ptr<ICryptoParserParameterMap> map(ICryptoParserParameterMap::Create());
+  map->SetIV(kIv);
+  std::unique_ptr<KeyGenerator> generator(KeyGenerator::Create(algorithm.get(), map.get()));
+  auto key = GeneratedKey(16);
+  const auto cipherWith = [&](const char* mode, const char* padding, const SecureByteVector& iv) {
+    return [&algorithm, mode, padding, iv] {
+      std::unique_ptr<ICryptoParserParameterMap> m(ICryptoParserParameterMap::Create());
+      m->SetChainingMode(mode);
+      m->SetPadding(padding);
+      m->SetIV(iv);
+      delete Cipher::Create(algorithm.get(), m.get());
+    };
+  };
+
+  // 4000: NULLs, sizes, IVs, directions, formats.
+  EXPECT_EQ(ErrorOf([&] { IAlgorithm::CreateFromFriendlyName("AES", nullptr); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { IKey::Create(nullptr, "RAW", SecureByteVector(16)); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { IKey::Create(algorithm.get(), "RAW", SecureByteVector(15)); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { IKey::Create(algorithm.get(), "PEM", SecureByteVector(16)); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { KeyGenerator::Create(nullptr, map.get()); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { KeyGenerator::Create(algorithm.get(), nullptr); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { generator->GenerateKey(20); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { generator->GenerateKey(0); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { Cipher::Create(nullptr, map.get()); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { Cipher::Create(algorithm.get(), nullptr); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf(cipherWith("CBC", "PKCS7", {})), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf(cipherWith("CBC", "PKCS7", SecureByteVector(15))), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf(cipherWith("ECB", "PKCS7", kIv)), kCryptoInvalidArgument);
+  std::unique_ptr<Cipher> cipher(Cipher::Create(algorithm.get(), map.get()));
+  EXPECT_EQ(ErrorOf([&] { cipher->Init(2, key.get()); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { cipher->Init(-1, key.get()); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { cipher->Init(0, nullptr); }), kCryptoInvalidArgument);
+
+  // 4001: names not offered, compared exactly.
+  EXPECT_EQ(ErrorOf([&] { IAlgorithm::CreateFromFriendlyName("aes", parameters.get()); }), kCryptoUnsupported);
+  EXPECT_EQ(ErrorOf([&] { IAlgorithm::CreateFromFriendlyName("DES", parameters.get()); }), kCryptoUnsupported);
+  EXPECT_EQ(ErrorOf(cipherWith("CTR", "PKCS7", kIv)), kCryptoUnsupported);
+  EXPECT_EQ(ErrorOf(cipherWith("cbc", "PKCS7", kIv)), kCryptoUnsupported);
+  EXPECT_EQ(ErrorOf(cipherWith("CBC", "pkcs7", kIv)), kCryptoUnsupported);
+  map->SetKeyType("TypePersistent");
+  EXPECT_EQ(ErrorOf([&] { KeyGenerator::Create(algorithm.get(), map.get()); }), kCryptoUnsupported);
+
+  // 4002 and 4003.
+  SecureByteVector out;
+  EXPECT_EQ(ErrorOf([&] { cipher->DoFinal(Bytes(16, 0), out); }), kCryptoNotInitialised);
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, Bytes(17, 0), "None"); }), kCryptoOperationFailed);
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, Bytes(31, 0), "None"); }), kCryptoOperationFailed);
+}
+
+TEST_F(CryptoTest, EveryOperationOfTheLibrarySequencesHasAFaultPoint) {
+  const char* const kOperations[] = {
+      "IAlgorithmParameters::Create",          "IAlgorithm::CreateFromFriendlyName",
+      "ICryptoParserParameterMap::Create",     "ICryptoParserParameterMap::SetKeyType",
+      "ICryptoParserParameterMap::SetKeyLabel", "KeyGenerator::Create",
+      "KeyGenerator::GenerateKey",             "ICryptoParserParameterMap::SetPadding",
+      "ICryptoParserParameterMap::SetIV",      "ICryptoParserParameterMap::SetChainingMode",
+      "Cipher::Create",                        "Cipher::Init",
+      "Cipher::DoFinal",                       "IKey::Create",
+  };
+  const auto everything = [] {
+    auto key = GeneratedKey(16);
+    Transform(key.get(), Cipher::kEncrypt, Bytes(40, 2));
+    RawKey(SecureByteVector(16));
+  };
+  for (const char* op : kOperations) {
+    xk::fault::Arm(op, 1, {xk::fault::Kind::kThrow, kCryptoRandomFailed, 0}, false);
+    EXPECT_EQ(ErrorOf(everything), kCryptoRandomFailed) << op;
+    EXPECT_EQ(xk::fault::Fired(op), 1u) << op;
+    xk::fault::Reset();
+  }
+  EXPECT_EQ(ErrorOf(everything), 0u);
+}
+
+TEST_F(CryptoTest, FaultKinds) {
+  using xk::fault::Kind;
+  // kNull: factories and GenerateKey hand back nullptr, other operations throw 4005.
+  xk::fault::Arm("IAlgorithmParameters::Create", 1, {Kind::kNull, 0, 0}, false);
+  EXPECT_EQ(IAlgorithmParameters::Create(), nullptr);
+  std::unique_ptr<IAlgorithmParameters> parameters(IAlgorithmParameters::Create());
+  ASSERT_NE(parameters, nullptr);
+  std::unique_ptr<IAlgorithm> algorithm(IAlgorithm::CreateFromFriendlyName("AES", parameters.get()));
+  std::unique_ptr<ICryptoParserParameterMap> map(ICryptoParserParameterMap::Create());
+  std::unique_ptr<KeyGenerator> generator(KeyGenerator::Create(algorithm.get(), map.get()));
+  xk::fault::Arm("KeyGenerator::GenerateKey", 2, {Kind::kNull, 0, 0}, true);
+  std::unique_ptr<IKey> key(generator->GenerateKey(16));
+  EXPECT_NE(key, nullptr);
+  EXPECT_EQ(generator->GenerateKey(16), nullptr);
+  EXPECT_EQ(generator->GenerateKey(16), nullptr) << "persistent";
+  map->SetIV(kIv);
+  std::unique_ptr<Cipher> cipher(Cipher::Create(algorithm.get(), map.get()));
+  xk::fault::Arm("Cipher::Init", 1, {Kind::kNull, 0, 0}, false);
+  EXPECT_EQ(ErrorOf([&] { cipher->Init(0, key.get()); }), kCryptoOutOfMemory);
+
+  // kCode is thrown like kThrow; kShortRead means nothing to this service.
+  xk::fault::Arm("ICryptoParserParameterMap::SetIV", 1, {Kind::kCode, kCryptoInvalidArgument, 0}, false);
+  EXPECT_EQ(ErrorOf([&] { map->SetIV(kIv); }), kCryptoInvalidArgument);
+  xk::fault::Arm("Cipher::DoFinal", 1, {Kind::kShortRead, 0, 3}, false);
+  cipher->Init(0, key.get());
+  SecureByteVector out;
+  cipher->DoFinal(Bytes(3, 0), out);
+  EXPECT_EQ(out.size(), 16u);
+  EXPECT_EQ(xk::fault::Fired("Cipher::DoFinal"), 1u);
+}
+
+TEST_F(CryptoTest, DistinctObjectsOnSeveralThreads) {
+  // One key shared by all threads: ciphers only read it.
+  auto key = GeneratedKey(16);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&wrong, &key, t] {
+      for (int i = 0; i < 200; ++i) {
+        const SecureByteVector value = Bytes(static_cast<std::size_t>(i % 50), static_cast<unsigned char>(t));
+        if (Transform(key.get(), Cipher::kDecrypt, Transform(key.get(), Cipher::kEncrypt, value)) != value) ++wrong;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
+
+}  // namespace
