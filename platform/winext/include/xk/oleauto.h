@@ -108,15 +108,23 @@ XK_EXPORT HRESULT SafeArrayGetElement(SAFEARRAY* psa, int* rgIndices, void* pv);
 XK_EXPORT HRESULT SafeArrayPutElement(SAFEARRAY* psa, int* rgIndices, void* pv);
 // A deep copy owned by the caller; *ppsaOut is NULL on failure.
 XK_EXPORT HRESULT SafeArrayCopy(SAFEARRAY* psa, SAFEARRAY** ppsaOut);
+// Adds one to the lock count; a locked array cannot be destroyed.
 XK_EXPORT HRESULT SafeArrayLock(SAFEARRAY* psa);
+// Takes one lock away; E_UNEXPECTED when the count is already 0.
 XK_EXPORT HRESULT SafeArrayUnlock(SAFEARRAY* psa);
 // Locks the array and gives its contiguous data; pair with SafeArrayUnaccessData.
 XK_EXPORT HRESULT SafeArrayAccessData(SAFEARRAY* psa, void** ppvData);
+// Takes the lock of SafeArrayAccessData away; E_UNEXPECTED when the count is 0.
 XK_EXPORT HRESULT SafeArrayUnaccessData(SAFEARRAY* psa);
+// The vartype the array was created with.
 XK_EXPORT HRESULT SafeArrayGetVartype(SAFEARRAY* psa, VARTYPE* pvt);
+// The number of dimensions; 0 for NULL.
 XK_EXPORT unsigned int SafeArrayGetDim(SAFEARRAY* psa);
+// The size of one element in bytes; 0 for NULL.
 XK_EXPORT unsigned int SafeArrayGetElemsize(SAFEARRAY* psa);
-// nDim counts from 1, leftmost dimension first.
+// Lower and upper bound of dimension nDim, counted from 1, leftmost dimension
+// first; DISP_E_BADINDEX for an nDim outside 1..cDims. The upper bound of an
+// empty dimension is its lower bound minus 1.
 XK_EXPORT HRESULT SafeArrayGetLBound(SAFEARRAY* psa, unsigned int nDim, long* plLbound);
 XK_EXPORT HRESULT SafeArrayGetUBound(SAFEARRAY* psa, unsigned int nDim, long* plUbound);
 

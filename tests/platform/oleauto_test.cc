@@ -1,0 +1,239 @@
+// BSTR and SAFEARRAY service: layout, copies, codes and lock counting.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "xk/oleauto.h"
+
+namespace {
+
+std::string Hex(HRESULT hr) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(hr));
+  return text;
+}
+// Codes compare as hex text so that a failure prints the actual code.
+#define EXPECT_HR(expected, actual) EXPECT_EQ(Hex(expected), Hex(actual))
+
+std::string Bytes(BSTR b) { return std::string(b, SysStringByteLen(b)); }
+const std::string kPin("pin\0code", 8);
+
+TEST(Bstr, LengthsOfBstrsAndOfPlainBuffers) {
+  BSTR blob = SysAllocStringByteLen(kPin.data(), 8);
+  EXPECT_EQ(SysStringLen(blob), 8u);
+  EXPECT_EQ(Bytes(blob), kPin);
+  EXPECT_EQ(blob[8], '\0');
+  BSTR zeroes = SysAllocStringByteLen(nullptr, 3);
+  EXPECT_EQ(Bytes(zeroes), std::string(3, '\0'));
+  BSTR cut = SysAllocStringLen("abcdef", 3);
+  EXPECT_EQ(Bytes(cut), "abc");
+  EXPECT_EQ(SysAllocString(nullptr), nullptr);
+  BSTR empty = SysAllocString("");
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(SysStringLen(empty), 0u);
+  EXPECT_EQ(SysStringLen(blob + 3), 0u) << "a pointer into a BSTR is a plain buffer";
+
+  // Exactly sized heap blocks: ASan reports any read before or after them.
+  char* name = static_cast<char*>(std::malloc(5));
+  std::memcpy(name, "name", 5);
+  char* nothing = static_cast<char*>(std::calloc(1, 1));
+  char onStack[] = {'k', 'e', 'y', '\0', 'x'};
+  EXPECT_EQ(SysStringLen(name), 4u);
+  EXPECT_EQ(SysStringByteLen(nothing), 0u);
+  EXPECT_EQ(SysStringLen(onStack), 3u);
+  EXPECT_EQ(SysStringLen(nullptr), 0u);
+  SysFreeString(name);  // not the service's: left alone (ASan: no double free below)
+  qxSysFreeString(nothing, 0);
+  std::free(name);
+  std::free(nothing);
+  for (BSTR b : {blob, zeroes, cut, empty, BSTR{}}) SysFreeString(b);
+}
+
+TEST(SafeArray, CreateStoresBoundsReversedAndAddressesLeftmostFastest) {
+  SAFEARRAYBOUND given[2] = {{3, 0}, {4, 10}};
+  SAFEARRAY* psa = SafeArrayCreate(VT_I4, 2, given);
+  ASSERT_NE(psa, nullptr);
+  EXPECT_EQ(psa->rgsabound[0].cElements, 4u);
+  EXPECT_EQ(psa->rgsabound[1].cElements, 3u);
+  long bounds[4];
+  EXPECT_HR(S_OK, SafeArrayGetLBound(psa, 1, &bounds[0]));
+  EXPECT_HR(S_OK, SafeArrayGetUBound(psa, 1, &bounds[1]));
+  EXPECT_HR(S_OK, SafeArrayGetLBound(psa, 2, &bounds[2]));
+  EXPECT_HR(S_OK, SafeArrayGetUBound(psa, 2, &bounds[3]));
+  EXPECT_EQ(std::vector<long>(bounds, bounds + 4), (std::vector<long>{0, 2, 10, 13}));
+  EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetLBound(psa, 0, &bounds[0]));
+  EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetUBound(psa, 3, &bounds[0]));
+  for (int j = 0; j < 4; ++j) {
+    for (int i = 0; i < 3; ++i) {
+      int at[2] = {i, 10 + j}, value = 100 * i + j;
+      EXPECT_HR(S_OK, SafeArrayPutElement(psa, at, &value));
+    }
+  }
+  void* data = nullptr;
+  ASSERT_EQ(SafeArrayAccessData(psa, &data), S_OK);
+  for (int j = 0; j < 4; ++j) {
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(static_cast<int*>(data)[i + 3 * j], 100 * i + j) << i << "," << j;
+  }
+  EXPECT_EQ(SafeArrayUnaccessData(psa), S_OK);
+  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
+}
+
+TEST(SafeArray, ElementSizesAndRefusedShapes) {
+  const std::vector<std::pair<VARTYPE, unsigned>> sizes = {
+      {VT_I1, 1}, {VT_UI1, 1}, {VT_I2, 2}, {VT_UI2, 2}, {VT_BOOL, 2}, {VT_I4, 4}, {VT_UI4, 4},
+      {VT_R4, 4}, {VT_ERROR, 4}, {VT_INT, 4}, {VT_UINT, 4}, {VT_R8, 8}, {VT_CY, 8}, {VT_DATE, 8},
+      {VT_I8, 8}, {VT_UI8, 8}, {VT_DECIMAL, 16}, {VT_BSTR, sizeof(char*)}, {VT_DISPATCH, sizeof(void*)},
+      {VT_UNKNOWN, sizeof(void*)}};
+  for (auto [vt, size] : sizes) {
+    SAFEARRAY* psa = SafeArrayCreateVector(vt, 0, 3);
+    ASSERT_NE(psa, nullptr) << "vt " << vt;
+    VARTYPE got = 0;
+    EXPECT_EQ(SafeArrayGetVartype(psa, &got), S_OK);
+    EXPECT_EQ(got, vt);
+    EXPECT_EQ(SafeArrayGetElemsize(psa), size) << "vt " << vt;
+    EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), 3 * size), std::string(3 * size, '\0')) << "vt " << vt;
+    EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
+  }
+  for (VARTYPE vt : std::vector<VARTYPE>{VT_EMPTY, VT_NULL, VT_VARIANT, 15, 24, 0x2011}) {
+    EXPECT_EQ(SafeArrayCreateVector(vt, 0, 1), nullptr) << "vt " << vt;
+  }
+  SAFEARRAYBOUND huge[2] = {{1ul << 40, 0}, {1ul << 40, 0}};
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 0, huge), nullptr);
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 1, nullptr), nullptr);
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 2, huge), nullptr) << "size overflows";
+}
+
+TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
+  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 3);
+  ASSERT_NE(psa, nullptr);
+  int at[3][1] = {{0}, {1}, {2}};
+  BSTR original = SysAllocStringByteLen(kPin.data(), 8);
+  ASSERT_EQ(SafeArrayPutElement(psa, at[0], original), S_OK);
+  SysFreeString(original);  // the array kept its own copy
+  char plain[] = "plain";
+  ASSERT_EQ(SafeArrayPutElement(psa, at[1], plain), S_OK);
+  ASSERT_EQ(SafeArrayPutElement(psa, at[1], const_cast<char*>(kPin.data())), S_OK);  // frees "plain"; strlen of a plain buffer
+  ASSERT_EQ(SafeArrayPutElement(psa, at[2], nullptr), S_OK);
+
+  BSTR got = nullptr;
+  ASSERT_EQ(SafeArrayGetElement(psa, at[0], &got), S_OK);
+  got[0] = 'X';
+  SysFreeString(got);
+  ASSERT_EQ(SafeArrayGetElement(psa, at[0], &got), S_OK);
+  EXPECT_EQ(Bytes(got), kPin) << "independent of the copy changed above";
+  SysFreeString(got);
+  ASSERT_EQ(SafeArrayGetElement(psa, at[2], &got), S_OK);
+  EXPECT_EQ(got, nullptr);
+
+  SAFEARRAY* copy = nullptr;
+  ASSERT_EQ(SafeArrayCopy(psa, &copy), S_OK);
+  ASSERT_EQ(SafeArrayDestroy(psa), S_OK);  // the copy must share nothing with it
+  const std::string expected[] = {kPin, "pin", ""};
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(SafeArrayGetElement(copy, at[i], &got), S_OK);
+    EXPECT_EQ(got == nullptr ? "" : Bytes(got), expected[i]);
+    SysFreeString(got);
+  }
+  EXPECT_EQ(static_cast<BSTR*>(copy->pvData)[2], nullptr);
+  EXPECT_EQ(qxSafeArrayDestroy(copy, 0), S_OK);
+}
+
+TEST(SafeArray, BadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
+  for (VARTYPE vt : std::vector<VARTYPE>{VT_UI1, VT_I2, VT_R8, VT_DECIMAL, VT_BSTR, VT_UNKNOWN}) {
+    for (unsigned dims = 1; dims <= 3; ++dims) {
+      SCOPED_TRACE("vt " + std::to_string(vt) + ", " + std::to_string(dims) + " dims");
+      std::vector<SAFEARRAYBOUND> bounds;
+      std::vector<int> last;  // the last index of every dimension
+      for (unsigned d = 0; d < dims; ++d) {
+        bounds.push_back({d + 2, static_cast<long>(d) - 1});
+        last.push_back(static_cast<int>(bounds[d].lLbound + bounds[d].cElements - 1));
+      }
+      SAFEARRAY* psa = SafeArrayCreate(vt, dims, bounds.data());
+      ASSERT_NE(psa, nullptr);
+      alignas(16) unsigned char value[16] = {7}, out[16] = {};
+      void* in = vt == VT_BSTR ? static_cast<void*>(const_cast<char*>("v")) : value;
+      EXPECT_HR(S_OK, SafeArrayPutElement(psa, last.data(), in));
+      EXPECT_HR(S_OK, SafeArrayGetElement(psa, last.data(), out));
+      if (vt == VT_BSTR) SysFreeString(*reinterpret_cast<BSTR*>(out));
+      for (unsigned d = 0; d < dims; ++d) {
+        for (int bad : {static_cast<int>(bounds[d].lLbound) - 1, last[d] + 1}) {
+          std::vector<int> off = last;
+          off[d] = bad;
+          EXPECT_HR(DISP_E_BADINDEX, SafeArrayPutElement(psa, off.data(), in)) << "dim " << d << " index " << bad;
+          EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetElement(psa, off.data(), out)) << "dim " << d << " index " << bad;
+        }
+      }
+      EXPECT_HR(E_INVALIDARG, SafeArrayPutElement(nullptr, last.data(), in));
+      EXPECT_HR(E_INVALIDARG, SafeArrayGetElement(psa, nullptr, out));
+      EXPECT_HR(E_INVALIDARG, SafeArrayGetElement(psa, last.data(), nullptr));
+      // A null BSTR is a value to store; a null address of any other element is not.
+      EXPECT_HR(vt == VT_BSTR ? S_OK : E_INVALIDARG, SafeArrayPutElement(psa, last.data(), nullptr));
+      EXPECT_HR(S_OK, SafeArrayDestroy(psa));
+    }
+  }
+  SAFEARRAY* psa = SafeArrayCreateVector(VT_I4, 0, 1);
+  void* data = &psa;
+  SAFEARRAY* copy = psa;
+  EXPECT_HR(E_INVALIDARG, SafeArrayGetVartype(psa, nullptr));
+  EXPECT_HR(E_INVALIDARG, SafeArrayGetUBound(psa, 1, nullptr));
+  EXPECT_HR(E_INVALIDARG, SafeArrayAccessData(nullptr, &data));
+  EXPECT_EQ(data, nullptr);
+  EXPECT_HR(E_INVALIDARG, SafeArrayCopy(nullptr, &copy));
+  EXPECT_EQ(copy, nullptr);
+  EXPECT_HR(E_INVALIDARG, SafeArrayLock(nullptr));
+  EXPECT_EQ(SafeArrayGetDim(nullptr) + SafeArrayGetElemsize(nullptr), 0u);
+  EXPECT_HR(S_OK, SafeArrayDestroy(nullptr));
+  EXPECT_HR(S_OK, SafeArrayDestroy(psa));
+}
+
+TEST(SafeArray, LockCountingGuardsDestroyOnly) {
+  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 1);
+  ASSERT_NE(psa, nullptr);
+  EXPECT_HR(E_UNEXPECTED, SafeArrayUnlock(psa));
+  EXPECT_HR(E_UNEXPECTED, SafeArrayUnaccessData(psa));
+  EXPECT_HR(S_OK, SafeArrayLock(psa));
+  void* data = nullptr;
+  EXPECT_HR(S_OK, SafeArrayAccessData(psa, &data));
+  EXPECT_EQ(data, psa->pvData);
+  EXPECT_EQ(psa->cLocks, 2u);
+  EXPECT_HR(DISP_E_ARRAYISLOCKED, SafeArrayDestroy(psa));
+  EXPECT_HR(DISP_E_ARRAYISLOCKED, qxSafeArrayDestroy(psa, 0));
+  // Still whole and usable while locked; element access leaves the count as it was.
+  int at[1] = {0};
+  EXPECT_HR(S_OK, SafeArrayPutElement(psa, at, const_cast<char*>("kept")));
+  BSTR got = nullptr;
+  EXPECT_HR(S_OK, SafeArrayGetElement(psa, at, &got));
+  EXPECT_STREQ(got, "kept");
+  SysFreeString(got);
+  EXPECT_EQ(psa->cLocks, 2u);
+  EXPECT_HR(S_OK, SafeArrayUnaccessData(psa));
+  EXPECT_HR(S_OK, SafeArrayUnlock(psa));
+  EXPECT_HR(E_UNEXPECTED, SafeArrayUnlock(psa));
+  EXPECT_HR(S_OK, SafeArrayDestroy(psa));
+}
+
+TEST(SafeArray, ZeroElementArraysAreUsable) {
+  SAFEARRAYBOUND noRows[2] = {{5, 0}, {0, 0}};  // a registry value with no records
+  for (SAFEARRAY* psa : {SafeArrayCreateVector(VT_BSTR, 0, 0), SafeArrayCreate(VT_UI1, 2, noRows)}) {
+    ASSERT_NE(psa, nullptr);
+    EXPECT_EQ(psa->rgsabound[0].cElements, 0u);
+    long upper = 0;
+    EXPECT_HR(S_OK, SafeArrayGetUBound(psa, psa->cDims, &upper));
+    EXPECT_EQ(upper, -1);
+    void* data = nullptr;
+    EXPECT_HR(S_OK, SafeArrayAccessData(psa, &data));
+    EXPECT_NE(data, nullptr);
+    EXPECT_HR(S_OK, SafeArrayUnaccessData(psa));
+    SAFEARRAY* copy = nullptr;
+    EXPECT_HR(S_OK, SafeArrayCopy(psa, &copy));
+    EXPECT_HR(S_OK, SafeArrayDestroy(copy));
+    EXPECT_HR(S_OK, SafeArrayDestroy(psa));
+  }
+}
+
+}  // namespace
