@@ -1,0 +1,71 @@
+#ifndef XK_REGISTRY_REGISTRY_SERVICE_H
+#define XK_REGISTRY_REGISTRY_SERVICE_H
+
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "handle_table.h"
+#include "registry_database.h"
+
+namespace xk {
+namespace registry {
+
+// The registry of this process: the chosen database file, its one connection
+// (opened on first use) and the open handles, all behind one mutex, so that
+// calls from many threads are serialised.
+//
+// Across fork() the connection is closed first (an SQLite connection must
+// never be used on both sides of a fork); both processes reopen the file at
+// their next call, and the child keeps the parent's handles.
+class RegistryService {
+ public:
+  // The state one call works on, valid while the service's lock is held.
+  class Session {
+   public:
+    HandleTable& Handles() { return m_Service.m_Handles; }
+    // The open database, opening the chosen file on first use.
+    long Database(RegistryDatabase** database);
+
+   private:
+    friend class RegistryService;
+    explicit Session(RegistryService& service) : m_Service(service) {}
+    RegistryService& m_Service;
+  };
+
+  static RegistryService& Instance();
+
+  // Runs `work(Session&)` under the lock and returns its status.
+  template <class Work>
+  long Run(Work&& work) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    Session session(*this);
+    return work(session);
+  }
+
+  // The chosen file; the text stays valid for the life of the process.
+  const char* DatabasePath();
+  // Chooses another file (nullptr: the default, read again from the
+  // environment) and closes the connection.
+  void SetDatabasePath(const char* path);
+
+ private:
+  RegistryService() = default;
+  static void BeforeFork();
+  static void AfterFork();
+
+  // Interns `path` so that its text is never freed.
+  const std::string* Intern(const std::string& path);
+  const std::string& PathLocked();
+
+  std::mutex m_Mutex;
+  RegistryDatabase m_Database;     // guarded by m_Mutex
+  HandleTable m_Handles;           // guarded by m_Mutex
+  const std::string* m_Path = nullptr;  // guarded by m_Mutex; nullptr: default not read yet
+  std::deque<std::string> m_Paths;      // guarded by m_Mutex; every path ever chosen
+};
+
+}  // namespace registry
+}  // namespace xk
+
+#endif

@@ -1,0 +1,72 @@
+// Many threads of one process on the registry: calls are serialised and
+// handles are shared freely.
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "xk/registry.h"
+
+namespace {
+
+constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
+
+TEST(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
+  char pattern[] = "/tmp/xkreg-threads-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  std::string dir = pattern;
+  ASSERT_EQ(xkRegSetDatabasePath((dir + "/registry.db").c_str()), ERROR_SUCCESS);
+
+  constexpr int kThreads = 4;
+  constexpr int kValues = 100;
+  HKEY shared = nullptr;
+  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "T", 0, nullptr, 0, 3, nullptr, &shared, nullptr), ERROR_SUCCESS);
+  std::vector<long> failures(kThreads + 1, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kValues; ++i) {
+        // Each thread also opens and closes handles of its own meanwhile.
+        std::string sub = "T\\t" + std::to_string(t);
+        HKEY own = nullptr;
+        std::string name = std::to_string(t) + "_" + std::to_string(i);
+        if (xkRegCreateKeyEx(kHklm, sub.c_str(), 0, nullptr, 0, 3, nullptr, &own, nullptr) != ERROR_SUCCESS ||
+            xkRegSetValueEx(shared, name.c_str(), 0, REG_DWORD, reinterpret_cast<const unsigned char*>(&i),
+                            sizeof i) != ERROR_SUCCESS ||
+            xkRegCloseKey(own) != ERROR_SUCCESS) {
+          ++failures[t];
+        }
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    // A reader whose two-pass listings see the key grow but never fail.
+    for (int i = 0; i < kValues; ++i) {
+      unsigned int count = 0;
+      if (qxRegListValueNamesEx(kHklm, "T", nullptr, &count, 0xFFFFFFFF, 0) != ERROR_SUCCESS) ++failures[kThreads];
+      std::vector<qxRegValue_> records(count);
+      unsigned int again = count;
+      if (qxRegListValueNamesEx(kHklm, "T", records.data(), &again, 0xFFFFFFFF, 0) != ERROR_SUCCESS ||
+          again < count) {
+        ++failures[kThreads];
+      }
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, std::vector<long>(kThreads + 1, 0));
+
+  unsigned int count = 0;
+  ASSERT_EQ(qxRegListValueNamesEx(kHklm, "T", nullptr, &count, 1u << REG_DWORD, 0), ERROR_SUCCESS);
+  EXPECT_EQ(count, static_cast<unsigned int>(kThreads * kValues));
+  unsigned int number = 0;
+  ASSERT_EQ(qxRegReadDWORDValueEx(kHklm, "T", "3_99", &number, 0), ERROR_SUCCESS);
+  EXPECT_EQ(number, 99u);
+  EXPECT_EQ(xkRegCloseKey(shared), ERROR_SUCCESS);
+  xkRegSetDatabasePath(nullptr);
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
