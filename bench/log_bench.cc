@@ -29,6 +29,22 @@ void BM_LogLevelOff(benchmark::State& state) {
 }
 BENCHMARK(BM_LogLevelOff);
 
+// The same through the exported function itself, past the inline test.
+void BM_LogLevelOffFunction(benchmark::State& state) {
+  NullSink sink;
+  xk::log::AddSink(&sink);
+  std::uint64_t saved = xk::log::GetLevelMask();
+  xk::log::SetLevelMask(xk::log::Bit(1));
+  unsigned hr = 0x80004005u;
+  for (auto _ : state) {
+    (xklogLog)("SRVMERROWSTORE", 16, "CInternalDataStore::GetData hr = 0x%x", hr);
+    benchmark::ClobberMemory();
+  }
+  xk::log::SetLevelMask(saved);
+  xk::log::RemoveSink(&sink);
+}
+BENCHMARK(BM_LogLevelOffFunction);
+
 // No sink at all (the production default).
 void BM_LogNoSink(benchmark::State& state) {
   unsigned hr = 0;

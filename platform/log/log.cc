@@ -21,6 +21,8 @@
 namespace xk {
 namespace log {
 
+std::atomic<std::uint64_t> gEffectiveMask{0};
+
 Sink::~Sink() = default;
 
 namespace {
@@ -71,9 +73,6 @@ State& GetState() {
   static State* state = new State;
   return *state;
 }
-
-// The mask callers test: the level mask when a sink exists, else nothing.
-std::atomic<std::uint64_t> gEffectiveMask{0};
 
 void Publish(State& s) {
   gEffectiveMask.store(s.sinks.empty() ? 0 : s.levels, std::memory_order_relaxed);
@@ -199,7 +198,7 @@ bool SetFileSink(const char* path) {
 
 using namespace xk::log;
 
-extern "C" void xklogLog(const char* module, int level, const char* format, ...) {
+extern "C" void(xklogLog)(const char* module, int level, const char* format, ...) {
   if (level < 0 || level > 63) return;
   if (!(gEffectiveMask.load(std::memory_order_relaxed) & Bit(level))) return;
   if (!format) return;

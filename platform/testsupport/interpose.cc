@@ -71,7 +71,7 @@ using namespace xk::test::interpose;
 
 extern "C" {
 
-time_t time(time_t* out) __THROW {
+XK_EXPORT time_t time(time_t* out) __THROW {
   time_t now;
   if (gManualTimeOn.load()) {
     now = ManualTime();
@@ -87,7 +87,7 @@ time_t time(time_t* out) __THROW {
 // Faults "fopen" (kNull: the open fails) and "fread" (kShortRead: only
 // `count` bytes arrive) apply to the key file only, so that the test
 // framework's own file use does not consume the countdown.
-FILE* fopen(const char* path, const char* mode) {
+XK_EXPORT FILE* fopen(const char* path, const char* mode) {
   static auto real = Real<FILE* (*)(const char*, const char*)>("fopen");
   bool keyFile = path && std::strcmp(path, kFixedKeyFilePath) == 0;
   std::string target;
@@ -107,7 +107,7 @@ FILE* fopen(const char* path, const char* mode) {
   return f;
 }
 
-size_t fread(void* buffer, size_t size, size_t count, FILE* stream) {
+XK_EXPORT size_t fread(void* buffer, size_t size, size_t count, FILE* stream) {
   static auto real = Real<size_t (*)(void*, size_t, size_t, FILE*)>("fread");
   bool keyFile;
   {
@@ -125,7 +125,7 @@ size_t fread(void* buffer, size_t size, size_t count, FILE* stream) {
   return real(buffer, size, count, stream);
 }
 
-int fclose(FILE* stream) {
+XK_EXPORT int fclose(FILE* stream) {
   static auto real = Real<int (*)(FILE*)>("fclose");
   {
     std::lock_guard<std::mutex> lock(KeyFile().mutex);

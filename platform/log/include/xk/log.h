@@ -10,6 +10,7 @@
 // XK_LOG_FILE (a file sink, appended to, created with mode 0600) and
 // XK_LOG_STDERR=1 (a stderr sink). Without them nothing is written anywhere.
 
+#include <atomic>
 #include <cstdint>
 
 #include "xk/export.h"
@@ -18,6 +19,27 @@ extern "C" {
 XK_EXPORT void xklogLog(const char* module, int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 }
+
+namespace xk {
+namespace log {
+
+// Bit `level` is set when a record of that level would reach a sink: the level
+// mask while at least one sink is installed, else 0.
+XK_EXPORT extern std::atomic<std::uint64_t> gEffectiveMask;
+
+inline bool IsOn(int level) {
+  return static_cast<unsigned>(level) < 64 &&
+         ((gEffectiveMask.load(std::memory_order_relaxed) >> level) & 1u) != 0;
+}
+
+}  // namespace log
+}  // namespace xk
+
+// Callers test the level inline, so a record that is off costs one load and
+// one test: no call, no argument evaluated, nothing formatted. The function
+// itself stays callable as (xklogLog)(...) and tests the level again.
+#define xklogLog(module, level, ...) \
+  (xk::log::IsOn(level) ? (xklogLog)((module), (level), __VA_ARGS__) : static_cast<void>(0))
 
 namespace xk {
 namespace log {

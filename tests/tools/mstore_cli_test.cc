@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "xk/testsupport.h"
+
+namespace {
+
+struct Result {
+  int status;
+  std::string out;
+};
+
+// Runs mstore on the sandbox's registry with `args` (shell words) and collects
+// stdout and stderr together.
+Result RunMstore(const xk::test::Sandbox& sandbox, const std::string& args) {
+  std::string cmd = std::string(MSTORE_BINARY) + " --registry '" + sandbox.RegistryPath() + "' " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
+  Result r{-1, ""};
+  if (!p) return r;
+  std::array<char, 4096> buf;
+  std::size_t n;
+  while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
+  int raw = pclose(p);
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return r;
+}
+
+const std::string kKey = "'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Test'";
+
+}  // namespace
+
+TEST(MstoreCli, SetShowDumpAndDeleteThroughTheRegistry) {
+  xk::test::Sandbox sandbox;
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + kKey + "'\\Sub' Count --type dword 7").status, 0);
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + kKey + " Names --type multi_sz ab c").status, 0);
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + kKey + " Blob --type binary 'ba 02 ff 00'").status, 0);
+
+  Result show = RunMstore(sandbox, "registry show " + kKey);
+  EXPECT_EQ(show.status, 0);
+  EXPECT_NE(show.out.find("Names  multi_sz  6 bytes  [\"ab\", \"c\"]"), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("Blob  binary  4 bytes  ba 02 ff 00"), std::string::npos) << show.out;
+
+  Result dump = RunMstore(sandbox, "registry dump 'HKEY_LOCAL_MACHINE\\Software'");
+  EXPECT_NE(dump.out.find("Count  dword  4 bytes  0x00000007 (7)"), std::string::npos) << dump.out;
+  EXPECT_EQ(RunMstore(sandbox, "registry list " + kKey).out, "Sub\n");
+
+  Result refused = RunMstore(sandbox, "registry delete-key " + kKey);
+  EXPECT_NE(refused.status, 0);
+  EXPECT_NE(refused.out.find("key has subkeys"), std::string::npos) << refused.out;
+  EXPECT_EQ(RunMstore(sandbox, "registry delete-key --recursive " + kKey).status, 0);
+  Result gone = RunMstore(sandbox, "registry show " + kKey);
+  EXPECT_NE(gone.status, 0);
+  EXPECT_NE(gone.out.find("not found"), std::string::npos) << gone.out;
+}
+
+TEST(MstoreCli, BadInputGetsAMessageAndANonZeroExit) {
+  xk::test::Sandbox sandbox;
+  for (const std::string& args :
+       {std::string("registry show 'NOHIVE\\x'"), "registry set " + kKey + " V --type dword 4294967296",
+        "registry set " + kKey + " V --type binary abc", "registry set " + kKey + " V --type float 1",
+        "registry set " + kKey + " V --type sz", std::string("settings set No.Such 1"),
+        std::string("settings set Merrowstore.Authentication.Timeout ten"), std::string("--log nonsense settings show"),
+        std::string("frobnicate"), std::string("")}) {
+    Result r = RunMstore(sandbox, args);
+    EXPECT_NE(r.status, 0) << args;
+    EXPECT_FALSE(r.out.empty()) << args;
+  }
+  EXPECT_EQ(RunMstore(sandbox, "registry set --help").status, 0);
+}
+
+TEST(MstoreCli, SettingsShowTheirSourceAndCanBeSetAndReset) {
+  xk::test::Sandbox sandbox;
+  Result before = RunMstore(sandbox, "settings show");
+  ASSERT_EQ(before.status, 0) << before.out;
+  EXPECT_NE(before.out.find("Merrowstore.Authentication.Timeout"), std::string::npos);
+  EXPECT_NE(before.out.find("15          (default)"), std::string::npos) << before.out;
+
+  ASSERT_EQ(RunMstore(sandbox, "settings set Merrowstore.Authentication.Timeout 30").status, 0);
+  Result after = RunMstore(sandbox, "settings show");
+  EXPECT_NE(after.out.find("30          (registry)"), std::string::npos) << after.out;
+  ASSERT_EQ(RunMstore(sandbox, "settings reset Merrowstore.Authentication.Timeout").status, 0);
+  EXPECT_NE(RunMstore(sandbox, "settings show").out.find("15          (default)"), std::string::npos);
+
+  Result logged = RunMstore(sandbox, "--log all settings show");
+  EXPECT_EQ(logged.status, 0);
+}
