@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: a plain build, then a build with
-# AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure.
+# AddressSanitizer and UndefinedBehaviorSanitizer, then the concurrency tests
+# under ThreadSanitizer. Exits non-zero on any failure.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 bash "$root/scripts/install-deps.sh"
@@ -17,4 +18,7 @@ run_suite() {
 run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite asan -DCMAKE_BUILD_TYPE=Debug -DMSTORE_SANITIZE=address,undefined -DMSTORE_BENCH=OFF
+# Concurrency tests once more under ThreadSanitizer.
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 CTEST_ARGS="-L concurrency" \
+  run_suite tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMSTORE_SANITIZE=thread -DMSTORE_BENCH=OFF
 echo "all test suites passed"

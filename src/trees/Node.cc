@@ -1,0 +1,67 @@
+#include "trees/Node.h"
+
+#include "common/Module.h"
+#include "xk/log.h"
+
+CNode::CNode(const SecureString& sNodeId) : m_sNodeId(sNodeId) {}
+
+CNode::~CNode() {
+  for (auto& item : m_cDataItemList) {
+    if (item.second == NULL) continue;
+    HRESULT hr = qxSafeArrayDestroy(item.second, 0);
+    if (FAILED(hr)) {
+      xklogLog(MSTORE_MODULE, 1, "CNode::~CNode qxSafeArrayDestroy hr = 0x%x", hr);
+      break;
+    }
+  }
+}
+
+HRESULT CNode::GetNodeId(SecureString& sNodeId) {
+  sNodeId = m_sNodeId;
+  return S_OK;
+}
+
+HRESULT CNode::AddDataItem(const SecureString& sDataId, SAFEARRAY* psaDataValue) {
+  xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem");
+  HRESULT hr = RemoveDataItem(sDataId);
+  xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem RemoveDataItem hr = 0x%x", hr);
+  SAFEARRAY* psaCopy = NULL;
+  hr = SafeArrayCopy(psaDataValue, &psaCopy);
+  if (SUCCEEDED(hr)) m_cDataItemList[sDataId] = psaCopy;
+  xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem hr = 0x%x", hr);
+  return hr;
+}
+
+HRESULT CNode::GetDataItem(const SecureString& sDataId, SAFEARRAY*& psaDataValue) {
+  xklogLog(MSTORE_MODULE, 0, "CNode::GetDataItem");
+  HRESULT hr;
+  auto it = m_cDataItemList.find(sDataId);
+  if (it == m_cDataItemList.end()) {
+    xklogLog(MSTORE_MODULE, 0, "CNode::GetDataItem sDataId not found");
+    hr = E_INVALIDARG;
+  } else {
+    hr = SafeArrayCopy(it->second, &psaDataValue);
+  }
+  xklogLog(MSTORE_MODULE, 0, "CNode::GetDataItem hr = 0x%x", hr);
+  return hr;
+}
+
+HRESULT CNode::RemoveDataItem(const SecureString& sDataId) {
+  xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem");
+  HRESULT hr;
+  auto it = m_cDataItemList.find(sDataId);
+  if (it == m_cDataItemList.end()) {
+    xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem sDataId not found");
+    hr = E_INVALIDARG;
+  } else {
+    hr = qxSafeArrayDestroy(it->second, 0);
+    m_cDataItemList.erase(it);
+  }
+  xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem hr = 0x%x", hr);
+  return hr;
+}
+
+HRESULT CNode::ListDataItems(std::vector<SecureString>& dataIds) {
+  for (const auto& item : m_cDataItemList) dataIds.push_back(item.first);
+  return S_OK;
+}

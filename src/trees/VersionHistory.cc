@@ -1,0 +1,190 @@
+#include "trees/VersionHistory.h"
+
+#include <mutex>
+#include <vector>
+
+#include "common/FctUtils.h"
+#include "common/Module.h"
+#include "xk/log.h"
+
+CAbstractTree* gHistoryTree = NULL;
+
+namespace {
+
+const char kCompartmentVersion[] = "CompartmentVersion";
+const char kContentVersion[] = "ContentVersion";
+
+// Never destroyed, so it stays usable while other static objects are torn down.
+std::recursive_mutex& HistoryMutex() {
+  static std::recursive_mutex* mutex = new std::recursive_mutex;
+  return *mutex;
+}
+
+// The steps of UpdateVersion; the caller holds the history lock.
+HRESULT RaiseVersion(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
+  HRESULT hr = S_OK;
+  unsigned int ulVersion = 1;
+  int index = 0;
+  SAFEARRAY* psaOld = NULL;
+  SAFEARRAY* psaNew = NULL;
+
+  if (gHistoryTree == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "UpdateVersion NULL == gHistoryTree");
+    return E_FAIL;
+  }
+  const SecureString sDataId(nVersionKind != 0 ? kContentVersion : kCompartmentVersion);
+
+  // Only an exact success is read; any other answer restarts the counter at 1.
+  hr = gHistoryTree->GetData(sCompartmentIdGlobal, sDataId, psaOld, 0);
+  if (hr == S_OK) {
+    hr = SafeArrayGetElement(psaOld, &index, &ulVersion);
+    if (FAILED(hr)) {
+      xklogLog(MSTORE_MODULE, 1, "UpdateVersion SafeArrayGetElement failed");
+      goto cleanup;
+    }
+    ++ulVersion;
+  }
+
+  psaNew = SafeArrayCreateVector(VT_UINT, 0, 1);
+  if (psaNew == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "UpdateVersion SafeArrayCreateVector failed");
+    goto cleanup;
+  }
+  SafeArrayPutElement(psaNew, &index, &ulVersion);
+  hr = gHistoryTree->SetData(sCompartmentIdGlobal, sDataId, psaNew, 0, 0);
+  if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "UpdateVersion SetData failed");
+
+cleanup:
+  // Each destruction's result replaces the result so far: a failed write above
+  // is logged and then lost to the caller.
+  if (psaOld != NULL) {
+    hr = qxSafeArrayDestroy(psaOld, 0);
+    if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "UpdateVersion qxSafeArrayDestroy failed");
+  }
+  if (psaNew != NULL) {
+    hr = qxSafeArrayDestroy(psaNew, 0);
+    if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "UpdateVersion qxSafeArrayDestroy failed");
+  }
+  return hr;
+}
+
+// The steps of UpdateHistoryTree; the caller holds the history lock.
+HRESULT RaiseVersionsAlongPath(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
+  HRESULT hr = S_OK;
+  const std::vector<SecureString> components = split(sCompartmentIdGlobal, L'/');
+  SecureString sPrefix;
+  for (std::size_t i = 0; i < components.size(); ++i) {
+    if (i > 0) sPrefix += '/';
+    sPrefix += components[i];
+    for (int nKind : {0, 1}) {
+      if (nVersionKind != -1 && nVersionKind != nKind) continue;
+      hr = UpdateVersion(sPrefix, nKind);
+      if (FAILED(hr)) {
+        xklogLog(MSTORE_MODULE, 1, "UpdateHistoryTree UpdateVersion failed");
+        return hr;
+      }
+    }
+  }
+  return hr;
+}
+
+// Destroys both arrays, first then second; a failed destruction is logged and
+// the whole step starts again until every destruction succeeds.
+HRESULT DestroyVersionArrays(SAFEARRAY*& psaCompartment, SAFEARRAY*& psaContent, HRESULT hr) {
+  for (;;) {
+    if (psaCompartment != NULL) {
+      hr = qxSafeArrayDestroy(psaCompartment, 0);
+      if (FAILED(hr)) {
+        xklogLog(MSTORE_MODULE, 1, "GetVersion qxSafeArrayDestroy failed");
+        continue;
+      }
+      psaCompartment = NULL;
+    }
+    if (psaContent != NULL) {
+      hr = qxSafeArrayDestroy(psaContent, 0);
+      if (FAILED(hr)) {
+        xklogLog(MSTORE_MODULE, 1, "GetVersion qxSafeArrayDestroy failed");
+        continue;
+      }
+      psaContent = NULL;
+    }
+    return hr;
+  }
+}
+
+// The steps of GetVersion up to the destruction of the arrays it read.
+HRESULT ReadVersions(const SecureString& sCompartmentIdGlobal, unsigned long* pulCompartmentVersion,
+                     unsigned int& ulCompartmentVersion, unsigned int& ulContentVersion,
+                     SAFEARRAY*& psaCompartment, SAFEARRAY*& psaContent) {
+  HRESULT hr = S_OK;
+  int index = 0;
+  if (gHistoryTree == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "GetVersion NULL == gHistoryTree");
+    return E_FAIL;
+  }
+  if (pulCompartmentVersion == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "GetVersion NULL == pulCompartmentVersion");
+    return E_FAIL;
+  }
+  // Only an exact success of the first lookup is read; any other answer is ignored.
+  if (gHistoryTree->GetData(sCompartmentIdGlobal, SecureString(kCompartmentVersion), psaCompartment, 0) == S_OK) {
+    hr = SafeArrayGetElement(psaCompartment, &index, &ulCompartmentVersion);
+    if (FAILED(hr)) {
+      xklogLog(MSTORE_MODULE, 1, "GetVersion SafeArrayGetElement failed");
+      return hr;
+    }
+  }
+  // An absent content counter reads as 0; any other failed lookup is the result.
+  hr = gHistoryTree->GetData(sCompartmentIdGlobal, SecureString(kContentVersion), psaContent, 0);
+  if (hr == E_INVALIDARG) return S_OK;
+  if (hr != S_OK) return hr;
+  hr = SafeArrayGetElement(psaContent, &index, &ulContentVersion);
+  if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "GetVersion SafeArrayGetElement failed");
+  return hr;
+}
+
+}  // namespace
+
+HistoryLock::HistoryLock() : HistoryLock(true) {}
+
+HistoryLock::HistoryLock(bool bTake) : m_bTaken(bTake) {
+  if (m_bTaken) HistoryMutex().lock();
+}
+
+HistoryLock::~HistoryLock() {
+  if (m_bTaken) HistoryMutex().unlock();
+}
+
+HRESULT UpdateVersion(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
+  HistoryLock lock;
+  xklogLog(MSTORE_MODULE, 8, "UpdateVersion");
+  HRESULT hr = RaiseVersion(sCompartmentIdGlobal, nVersionKind);
+  xklogLog(MSTORE_MODULE, 16, "UpdateVersion hr = 0x%x", hr);
+  return hr;
+}
+
+HRESULT UpdateHistoryTree(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
+  HistoryLock lock;
+  xklogLog(MSTORE_MODULE, 8, "UpdateHistoryTree");
+  HRESULT hr = RaiseVersionsAlongPath(sCompartmentIdGlobal, nVersionKind);
+  xklogLog(MSTORE_MODULE, 16, "UpdateHistoryTree hr = 0x%x", hr);
+  return hr;
+}
+
+HRESULT GetVersion(const SecureString& sCompartmentIdGlobal, unsigned long* pulCompartmentVersion,
+                   unsigned long* pulContentVersion) {
+  HistoryLock lock;
+  xklogLog(MSTORE_MODULE, 8, "GetVersion");
+  unsigned int ulCompartmentVersion = 0;
+  unsigned int ulContentVersion = 0;
+  SAFEARRAY* psaCompartment = NULL;
+  SAFEARRAY* psaContent = NULL;
+  HRESULT hr = ReadVersions(sCompartmentIdGlobal, pulCompartmentVersion, ulCompartmentVersion, ulContentVersion,
+                            psaCompartment, psaContent);
+  hr = DestroyVersionArrays(psaCompartment, psaContent, hr);
+  // Written even after a failure; the content output may be NULL.
+  if (pulCompartmentVersion != NULL) *pulCompartmentVersion = ulCompartmentVersion;
+  if (pulContentVersion != NULL) *pulContentVersion = ulContentVersion;
+  xklogLog(MSTORE_MODULE, 16, "GetVersion hr = 0x%x", hr);
+  return hr;
+}

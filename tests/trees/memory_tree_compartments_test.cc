@@ -1,0 +1,174 @@
+// Subtree and child walks of the memory tree checked against a plain scan of
+// every key with the subtree and child tests, on awkward paths (empty
+// components, leading and trailing slashes, siblings sharing a prefix,
+// characters sorting next to "/"); then removal, flush and listing results.
+
+#include <algorithm>
+#include <random>
+
+#include "tree_test_support.h"
+
+namespace {
+
+using namespace treetest;
+
+bool InSubtree(const std::string& key, const std::string& id) {
+  return key.compare(0, id.size(), id) == 0 && key.size() >= id.size() &&
+         (key.size() == id.size() || key[id.size()] == '/');
+}
+
+bool IsChild(const std::string& key, const std::string& id) {
+  return InSubtree(key, id) && key.size() > id.size() && key.rfind('/') == id.size();
+}
+
+class Compartments : public HistoryTest {
+ protected:
+  // Each path gets one item named after itself; the walk makes the prefixes.
+  static void Fill(CMemoryTree& tree, const Strings& paths) {
+    for (const std::string& path : paths) Put(tree, path, "id:" + path);
+  }
+
+  void CheckAgainstScan(const Strings& paths) {
+    CMemoryTree tree(S("T"));
+    Fill(tree, paths);
+    const Strings keys = AllKeys(tree);
+    Strings ids = keys;
+    for (const char* id : {"/", "//", "a/", "a//", "5///", "x", "a/b/c/d/e"}) ids.push_back(id);
+    for (const std::string& id : ids) {
+      SCOPED_TRACE("id \"" + id + "\"");
+      Strings children;
+      const std::string* first = nullptr;
+      for (const std::string& key : keys) {
+        if (id == "/" ? key.find('/') == std::string::npos : IsChild(key, id))
+          children.push_back(id == "/" ? key : key.substr(key.rfind('/') + 1));
+        if (first == nullptr && InSubtree(key, id)) first = &key;
+      }
+      SAFEARRAY* out = reinterpret_cast<SAFEARRAY*>(&tree);
+      EXPECT_EQ(tree.ListCompartmentIds(S(id), &out, 0), S_OK);
+      if (children.empty()) {
+        EXPECT_EQ(out, reinterpret_cast<SAFEARRAY*>(&tree)) << "nothing found leaves the output alone";
+      } else {
+        EXPECT_EQ(Take(out), children);
+      }
+      out = nullptr;
+      EXPECT_EQ(tree.ListDataIds(S(id), &out, 0), first ? S_OK : E_FAIL);
+      if (first) {
+        EXPECT_EQ(Take(out), std::count(paths.begin(), paths.end(), *first) ? Strings({"id:" + *first}) : Strings());
+      }
+      V versions(2);
+      signed char cached = 9;
+      EXPECT_EQ(tree.IsCompartmentCached(S(id), &versions[0], &versions[1], &cached, 0), S_OK);
+      EXPECT_EQ(cached, std::count(keys.begin(), keys.end(), id) ? 1 : 0);
+      // Removal from a fresh tree and history: the subtree goes, and exactly
+      // its strict descendants have both counters raised.
+      RenewHistory();
+      CMemoryTree fresh(S("T"));
+      Fill(fresh, paths);
+      EXPECT_EQ(fresh.RemoveCompartment(S(id), 1, 0), S_OK);
+      Strings remaining;
+      for (const std::string& key : keys) {
+        if (!InSubtree(key, id)) remaining.push_back(key);
+        EXPECT_EQ(Versions("T/" + key), InSubtree(key, id) && key != id ? V({1, 1}) : V({0, 0})) << key;
+      }
+      EXPECT_EQ(AllKeys(fresh), remaining);
+    }
+  }
+};
+
+TEST_F(Compartments, WalksMatchTheScanOnAwkwardPaths) {
+  CheckAgainstScan({"a", "a/b", "a/bc", "ab", "a0", "a!", "a.", "a//b", "a/b/c/d", "a/b/e", "/x", "//y", "", "5//",
+                    "5///z", "5/", "3/q", "10/q", "0/q", "a/b!/f", "a/b0", "a/b/", "a/b//g"});
+}
+
+TEST_F(Compartments, WalksMatchTheScanOnRandomPaths) {
+  std::mt19937 random(20240607);
+  for (int round = 0; round < 4; ++round) {
+    Strings paths;
+    for (int i = 0; i < 12; ++i) {
+      std::string path;
+      for (int c = static_cast<int>(random() % 6); c > 0; --c) path += "./0a"[random() % 4];
+      paths.push_back(path);
+    }
+    CheckAgainstScan(paths);
+  }
+}
+
+TEST_F(Compartments, RemovalResults) {
+  LogCapture log;
+  CMemoryTree tree(S("T"));
+  EXPECT_EQ(tree.RemoveCompartment(S("a"), 1, 0), E_INVALIDARG);
+  EXPECT_TRUE(log.Contains(0, "CMemoryTree::RemoveCompartment m_cFullPathNodeList.size() == 0"));
+  Fill(tree, {"a/b/c", "a/d", "z"});
+  EXPECT_EQ(tree.RemoveCompartment(S("/"), 1, 0), S_OK) << "no key begins with \"/\"";
+  EXPECT_EQ(AllKeys(tree).size(), 5u);
+  // On the history tree a removal touches no counter.
+  UpdateHistoryTree(S("T/a/b"), -1);
+  EXPECT_EQ(gHistoryTree->RemoveCompartment(S("T/a"), 1, 0), S_OK);
+  EXPECT_EQ(AllKeys(*gHistoryTree), Strings({"T"}));
+  EXPECT_EQ(Versions("T"), V({1, 1}));
+  // Failed version updates are logged at level 2 and never stop the removal.
+  DropHistory();
+  EXPECT_EQ(tree.RemoveCompartment(S("a"), 1, 0), E_FAIL);
+  EXPECT_EQ(AllKeys(tree), Strings({"z"}));
+  EXPECT_EQ(log.Count("CMemoryTree::RemoveCompartment UpdateVersion failed hr = 0x80004005"), 6u);
+  EXPECT_TRUE(log.Contains(2, "CMemoryTree::RemoveCompartment UpdateVersion failed hr = 0x80004005"));
+}
+
+TEST_F(Compartments, FlushEmptiesTheTreeAndKeepsTheVersions) {
+  CMemoryTree tree(S("T"));
+  Fill(tree, {"s/c"});
+  UpdateHistoryTree(S("T/s/c"), -1);
+  EXPECT_EQ(tree.FlushTree(0), S_OK);
+  EXPECT_EQ(AllKeys(tree), Strings());
+  V versions(2);
+  signed char cached = 9;
+  EXPECT_EQ(tree.IsCompartmentCached(S("s/c"), &versions[0], &versions[1], &cached, 0), S_OK);
+  EXPECT_EQ(cached, 0);
+  EXPECT_EQ(versions, V({1, 1}));
+  Fill(tree, {"s/c"});
+  EXPECT_EQ(Stored(tree, "s/c", "id:s/c"), Strings({"v"}));
+}
+
+TEST_F(Compartments, ListingResultsAndFaults) {
+  LogCapture log;
+  CMemoryTree tree(S("T"));
+  SAFEARRAY* out = nullptr;
+  EXPECT_EQ(tree.ListAllCompartmentIds(&out), S_OK);
+  EXPECT_EQ(Take(out), Strings()) << "an empty tree gives a zero-element vector";
+  EXPECT_EQ(tree.ListDataIds(S("a"), &out, 0), E_FAIL);
+  EXPECT_TRUE(log.Contains(1, "CMemoryTree::ListDataIds no data ids found"));
+  EXPECT_EQ(tree.ListDataIds(S("a"), nullptr, 0), E_FAIL);
+  EXPECT_EQ(tree.ListCompartmentIds(S("a"), nullptr, 0), E_FAIL);
+  EXPECT_EQ(tree.ListAllCompartmentIds(nullptr), E_FAIL);
+  for (const char* text : {"CMemoryTree::ListDataIds ppsaDataIdList == NULL",
+                           "CMemoryTree::ListCompartmentIds ppsCompartmentIdList == NULL",
+                           "CMemoryTree::ListAllCompartmentIds ppsAllCompartmentIdList == NULL"})
+    EXPECT_TRUE(log.Contains(1, text)) << text;
+
+  Fill(tree, {"a/x", "a/y", "a/z"});
+  FaultInjector faults;
+  faults.FailWithCode("SafeArrayPutElement", E_UNEXPECTED, 2);
+  EXPECT_EQ(tree.ListCompartmentIds(S("a"), &out, 0), E_UNEXPECTED);
+  EXPECT_EQ(Take(out), Strings({"x", "<null>", "<null>"}));
+  EXPECT_TRUE(log.Contains(1, "CMemoryTree::ListCompartmentIds SafeArrayPutElement failed"));
+  EXPECT_TRUE(log.Contains(0, "CMemoryTree::ListCompartmentIds sFullPathNodeList.size() = 4"));
+  EXPECT_TRUE(log.Contains(2, "CMemoryTree::ListCompartmentIds ulNbCompartmentFound = 3"));
+  faults.FailWithCode("SafeArrayPutElement", E_UNEXPECTED, 3);
+  EXPECT_EQ(tree.ListAllCompartmentIds(&out), E_UNEXPECTED);
+  EXPECT_EQ(Take(out), Strings({"a", "a/x", "<null>", "<null>"}));
+  EXPECT_TRUE(log.Contains(1, "CMemoryTree::ListAllCompartmentIds SafeArrayPutElement failed"));
+  out = nullptr;
+  faults.FailWithNull("SafeArrayCreateVector");
+  EXPECT_EQ(tree.ListCompartmentIds(S("a"), &out, 0), E_INVALIDARG) << "the first put fails on no array";
+  EXPECT_EQ(out, nullptr);
+  // The data id listing puts without looking; a failed string leaves its element empty.
+  Put(tree, "a/x", "second");
+  faults.FailWithNull("SysAllocString");
+  EXPECT_EQ(tree.ListDataIds(S("a/x"), &out, 0), S_OK);
+  EXPECT_EQ(Take(out), Strings({"<null>", "second"}));
+  faults.FailWithCode("SafeArrayPutElement", E_UNEXPECTED);
+  EXPECT_EQ(tree.ListDataIds(S("a/x"), &out, 0), S_OK);
+  EXPECT_EQ(Take(out), Strings({"<null>", "second"}));
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+// CNode owns deep copies: the caller's arrays stay the caller's, a replaced or
+// removed value is destroyed (AddressSanitizer reports one that isn't), and a
+// failed copy or destruction is reported.
+
+#include "trees/Node.h"
+
+#include "tree_test_support.h"
+
+namespace {
+
+using namespace treetest;
+
+Strings Item(CNode& node, const char* id) {
+  SAFEARRAY* psa = nullptr;
+  return node.GetDataItem(S(id), psa) == S_OK ? Take(psa) : Strings({"<absent>"});
+}
+
+TEST(CNode, KeepsIndependentDeepCopiesAndDestroysReplacedValues) {
+  CNode node(S("leaf"));
+  SAFEARRAY* mine = MakeValue({"one"});
+  EXPECT_EQ(node.AddDataItem(S("x"), mine), S_OK);
+  int at = 0;
+  EXPECT_EQ(SafeArrayPutElement(mine, &at, const_cast<char*>("changed")), S_OK);
+  EXPECT_EQ(node.AddDataItem(S("y"), mine), S_OK);
+  EXPECT_EQ(node.AddDataItem(S("y"), mine), S_OK);  // replaces, destroying the first copy
+  SafeArrayDestroy(mine);
+  SAFEARRAY* first = nullptr;
+  SAFEARRAY* second = nullptr;
+  ASSERT_EQ(node.GetDataItem(S("x"), first), S_OK);
+  ASSERT_EQ(node.GetDataItem(S("x"), second), S_OK);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(Take(first), Strings({"one"}));
+  EXPECT_EQ(Take(second), Strings({"one"}));
+  EXPECT_EQ(Item(node, "y"), Strings({"changed"}));
+  EXPECT_EQ(node.RemoveDataItem(S("y")), S_OK);
+  std::vector<SecureString> ids{S("kept")};
+  EXPECT_EQ(node.ListDataItems(ids), S_OK);
+  EXPECT_EQ(ids, std::vector<SecureString>({S("kept"), S("x")}));
+  SecureString nodeId;
+  node.GetNodeId(nodeId);
+  EXPECT_EQ(nodeId, "leaf");
+}
+
+TEST(CNode, AbsentIdsAreNotFoundAtTraceLevel) {
+  LogCapture log;
+  CNode node(S("n"));
+  SAFEARRAY* out = reinterpret_cast<SAFEARRAY*>(&node);
+  EXPECT_EQ(node.GetDataItem(S("no"), out), E_INVALIDARG);
+  EXPECT_EQ(out, reinterpret_cast<SAFEARRAY*>(&node));
+  EXPECT_EQ(node.RemoveDataItem(S("no")), E_INVALIDARG);
+  EXPECT_TRUE(log.Contains(0, "CNode::GetDataItem sDataId not found"));
+  EXPECT_TRUE(log.Contains(0, "CNode::RemoveDataItem sDataId not found"));
+}
+
+TEST(CNode, FailedCopiesAndDestructions) {
+  LeakAllowedScope leaking;  // an array whose destruction fails is lost
+  LogCapture log;
+  FaultInjector faults;
+  {
+    CNode node(S("n"));
+    SAFEARRAY* v = MakeValue({"old"});
+    for (const char* id : {"a", "b", "c", "d", "e"}) node.AddDataItem(S(id), v);
+    faults.FailWithNull("SafeArrayCopy");
+    EXPECT_EQ(node.AddDataItem(S("a"), v), E_OUTOFMEMORY);
+    EXPECT_EQ(Item(node, "a"), Strings({"<absent>"})) << "the old value is gone too";
+    SafeArrayDestroy(v);
+    faults.FailWithCode("qxSafeArrayDestroy", DISP_E_ARRAYISLOCKED);
+    EXPECT_EQ(node.RemoveDataItem(S("b")), DISP_E_ARRAYISLOCKED);
+    EXPECT_EQ(Item(node, "b"), Strings({"<absent>"})) << "erased all the same";
+    // The destructor destroys "c", fails on "d" and never tries "e".
+    faults.FailWithCode("qxSafeArrayDestroy", E_UNEXPECTED, 2, true);
+  }
+  EXPECT_EQ(faults.Fired("qxSafeArrayDestroy"), 1u);
+  EXPECT_TRUE(log.Contains(1, "CNode::~CNode qxSafeArrayDestroy hr = 0x8000ffff"));
+}
+
+}  // namespace
