@@ -37,6 +37,7 @@ TEST(Log, ALevelThatIsOffFormatsNothing) {
   // the call never reached the formatter.
   xklogLog("SRVTEST", 2, "abc%n", &written);
   xklogLog("SRVTEST", 8, "abc%n", &written);
+  (xklogLog)("SRVTEST", 8, "abc%n", &written);  // the function, past the inline test
   EXPECT_EQ(written, -1);
   EXPECT_TRUE(capture.Entries().empty());
   xklogLog("SRVTEST", 16, "abc%n", &written);
