@@ -1,0 +1,218 @@
+#include "datastore/InternalDataStore.h"
+
+#include "common/FctUtils.h"
+#include "common/Module.h"
+#include "datastore/StoreMutexLock.h"
+#include "trees/MemoryTree.h"
+#include "trees/VersionHistory.h"
+#include "xk/log.h"
+
+CInternalDataStore::CInternalDataStore()
+    : m_Tree(NULL),
+      m_Type(QX::DataStore::TypeMemory),
+      m_bEncrypted(0),
+      m_bSharedBetweenUserSessions(0),
+      m_Availability("CInternalDataStore") {}
+
+CInternalDataStore::~CInternalDataStore() {}
+
+HRESULT CInternalDataStore::Begin(char* sBSTRStoreId, QX::DataStore::Type eType, signed char bEncrypted,
+                                  signed char bSharedBetweenUserSessions, SecureString const& sProduct) {
+  xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::Begin");
+  HRESULT hr = S_OK;
+  SecureString sStoreId;
+  CAbstractTree* pTree = NULL;
+
+  const int rc = pthread_mutex_init(&m_Mutex, NULL);
+  if (rc != 0) {
+    // Reported as a success: the store is registered without id, settings or
+    // tree, and refuses its operations for want of a tree.
+    xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin pthread_mutex_init failed with error code 0x%x",
+             static_cast<unsigned int>(rc));
+    goto exit;
+  }
+  hr = BSTR2wstring(sBSTRStoreId, sStoreId);
+  if (FAILED(hr)) {
+    xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin BSTR2wstring failed");
+    goto exit;
+  }
+  m_StoreId = sStoreId;
+  m_Type = eType;
+  m_bEncrypted = bEncrypted;
+  m_bSharedBetweenUserSessions = bSharedBetweenUserSessions;
+  m_Product = sProduct;
+  m_Tree = NULL;
+  m_Availability.Clear();
+
+  if (bEncrypted != 0) {
+    hr = SetUpKey();
+    if (FAILED(hr)) {
+      xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin GetPINCachingMode failed");
+      goto exit;
+    }
+  }
+  if (m_Type == QX::DataStore::TypeRemanent) {
+    xklogLog(MSTORE_MODULE, 16, "VistaOrHigher bRet = %s", "false");
+    pTree = CreateRemanentTree();
+    if (pTree == NULL) {
+      xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin CRegistryTree is not available");
+      hr = E_FAIL;
+      goto exit;
+    }
+  } else {
+    pTree = new CMemoryTree(m_StoreId);
+  }
+  m_Tree = pTree;
+
+exit:
+  xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::Begin hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
+}
+
+// Key set-up of an encrypted store: CommonCrypto::initialize with the store id
+// and the remanent switch (m_Type != 0). Value protection is not part of this
+// build, so every encrypted store is refused here.
+HRESULT CInternalDataStore::SetUpKey() { return E_FAIL; }
+
+// The tree of a remanent store: a CRegistryTree(m_StoreId, 0). The registry
+// tree is not part of this build, so there is none to make.
+CAbstractTree* CInternalDataStore::CreateRemanentTree() { return NULL; }
+
+HRESULT CInternalDataStore::End() {
+  xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::End");
+  m_Availability.Clear();
+  if (m_Tree != NULL) delete m_Tree;
+  m_Tree = NULL;
+  xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::End hr = 0x%x", 0u);
+  return S_OK;
+}
+
+HRESULT CInternalDataStore::GetStoreInfo(QX::DataStore::Type& eType, signed char& bEncrypted,
+                                         signed char& bSharedBetweenUserSessions, SecureString& sProduct) {
+  xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::GetStoreInfo");
+  eType = m_Type;
+  bEncrypted = m_bEncrypted;
+  bSharedBetweenUserSessions = m_bSharedBetweenUserSessions;
+  sProduct = m_Product;
+  xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::GetStoreInfo hr = 0x%x", 0u);
+  return S_OK;
+}
+
+// Converts the compartment id, then the data id when pDataId is given.
+HRESULT CInternalDataStore::ConvertIds(const char* sOperation, char* sBSTRCompartmentId, char* sBSTRDataId,
+                                       SecureString& sCompartmentId, SecureString* pDataId) {
+  HRESULT hr = BSTR2wstring(sBSTRCompartmentId, sCompartmentId);
+  if (SUCCEEDED(hr) && pDataId != NULL) hr = BSTR2wstring(sBSTRDataId, *pDataId);
+  if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::%s BSTR2wstring failed", sOperation);
+  return hr;
+}
+
+HRESULT CInternalDataStore::CheckTree(const char* sOperation) {
+  if (m_Tree != NULL) return S_OK;
+  xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::%s m_Tree == NULL", sOperation);
+  return E_FAIL;
+}
+
+// The serving condition: only a store shared between user sessions serves
+// compartments. The text reads as if sharing were refused; it is the store
+// that is not shared that gets it.
+HRESULT CInternalDataStore::CheckServing(const char* sOperation) {
+  if (m_bSharedBetweenUserSessions != 0) return S_OK;
+  xklogLog(MSTORE_MODULE, 1,
+           "CInternalDataStore::%s Shared between user sessions is not supported on this product. Please change "
+           "the store configuration.",
+           sOperation);
+  return E_FAIL;
+}
+
+SecureString CInternalDataStore::HistoryPath(const SecureString& sCompartmentIdGlobal) const {
+  return m_StoreId + "/" + sCompartmentIdGlobal;
+}
+
+HRESULT CInternalDataStore::SetData(unsigned int dwClientProcessId, char* sBSTRCompartmentId, char* sBSTRDataId,
+                                    tagSAFEARRAY* psaDataValue) {
+  xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::SetData dwClientProcessId = %d sBSTRCompartmentId = %s sBSTRDataId = %s",
+           static_cast<int>(dwClientProcessId), LogText(sBSTRCompartmentId), LogText(sBSTRDataId));
+  HRESULT hr;
+  {
+    CStoreMutexLock lock(&m_Mutex);
+    SecureString sCompartmentId;
+    SecureString sDataId;
+    SAFEARRAY* psaToStore = NULL;
+    hr = ConvertIds("SetData", sBSTRCompartmentId, sBSTRDataId, sCompartmentId, &sDataId);
+    if (SUCCEEDED(hr)) {
+      // The store's own copy; the caller's array is never touched.
+      SafeArrayCopy(psaDataValue, &psaToStore);
+      // An encrypted store protects its copy here, before it knows whether it
+      // can serve; Begin refuses encrypted stores in this build.
+      hr = CheckTree("SetData");
+      if (SUCCEEDED(hr)) hr = CheckServing("SetData");
+    }
+    if (SUCCEEDED(hr)) {
+      const SecureString sCompartmentIdGlobal = sCompartmentId;
+      unsigned long ulCompartmentVersion = 0;
+      unsigned long ulContentVersion = 0;
+      signed char bCached = 0;
+      hr = m_Tree->IsCompartmentCached(sCompartmentIdGlobal, &ulCompartmentVersion, &ulContentVersion, &bCached, 0);
+      if (FAILED(hr)) {
+        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData IsCompartmentCached failed");
+      } else {
+        hr = m_Tree->SetData(sCompartmentIdGlobal, sDataId, psaToStore, dwClientProcessId, m_bEncrypted);
+        if (FAILED(hr)) {
+          xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData SetData failed");
+        } else {
+          // A new compartment moves both versions, an existing one its content only.
+          hr = UpdateHistoryTree(HistoryPath(sCompartmentIdGlobal), bCached != 0 ? 1 : -1);
+          if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData UpdateHistoryTree failed");
+        }
+      }
+    }
+    if (psaToStore != NULL) {
+      const HRESULT hrDestroy = qxSafeArrayDestroy(psaToStore, 0);
+      if (FAILED(hrDestroy))
+        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData qxSafeArrayDestroy failed hr = 0x%x",
+                 static_cast<unsigned int>(hrDestroy));
+    }
+  }
+  xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::SetData hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
+}
+
+HRESULT CInternalDataStore::GetData(unsigned int dwClientProcessId, char* sBSTRCompartmentId, char* sBSTRDataId,
+                                    tagSAFEARRAY** ppsaDataValue) {
+  xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::GetData dwClientProcessId = %d sBSTRCompartmentId = %s sBSTRDataId = %s",
+           static_cast<int>(dwClientProcessId), LogText(sBSTRCompartmentId), LogText(sBSTRDataId));
+  HRESULT hr;
+  {
+    CStoreMutexLock lock(&m_Mutex);
+    SecureString sCompartmentId;
+    SecureString sDataId;
+    SAFEARRAY* psaClear = NULL;
+    hr = ConvertIds("GetData", sBSTRCompartmentId, sBSTRDataId, sCompartmentId, &sDataId);
+    if (SUCCEEDED(hr)) hr = CheckTree("GetData");
+    if (SUCCEEDED(hr)) hr = CheckServing("GetData");
+    if (SUCCEEDED(hr)) {
+      const SecureString sCompartmentIdGlobal = sCompartmentId;
+      SAFEARRAY* psaStored = NULL;
+      hr = m_Tree->GetData(sCompartmentIdGlobal, sDataId, psaStored, 0);
+      if (hr == E_INVALIDARG) {
+        xklogLog(MSTORE_MODULE, 2, "CInternalDataStore::GetData GetData : data not found");
+      } else if (FAILED(hr)) {
+        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData GetData failed");
+      } else {
+        // An encrypted store recovers the clear value from psaStored here.
+        psaClear = psaStored;
+        if (ppsaDataValue != NULL) {
+          hr = SafeArrayCopy(psaClear, ppsaDataValue);
+          if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData SafeArrayCopy failed");
+        }
+      }
+    }
+    if (psaClear != NULL) {
+      const HRESULT hrDestroy = qxSafeArrayDestroy(psaClear, 0);
+      if (FAILED(hrDestroy)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData qxSafeArrayDestroy failed");
+    }
+  }
+  xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::GetData hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
+}

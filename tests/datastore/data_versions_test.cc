@@ -1,0 +1,85 @@
+// The version counters that each data store event moves, read back from the
+// shared history under "store id/compartment path".
+
+#include "datastore_test_support.h"
+
+using namespace dstest;
+
+namespace {
+
+class DataVersions : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(Register(m_Id, 1), S_OK); }
+  V At(const std::string& path) { return VersionsOf(path.empty() ? m_Id : m_Id + "/" + path); }
+  HRESULT Set(const std::string& comp) {
+    SAFEARRAY* value = MakeValue({"v"});
+    HRESULT hr = m_Client.SetData(Bstr(m_Id), Bstr(comp), Bstr("x"), value);
+    SafeArrayDestroy(value);
+    return hr;
+  }
+  signed char Cached(const std::string& comp, V* versions = nullptr) {
+    V v;
+    signed char b = 9;
+    EXPECT_EQ(m_Client.IsCompartmentCached(Bstr(m_Id), Bstr(comp), &v.first, &v.second, &b), S_OK);
+    if (versions != nullptr) *versions = v;
+    return b;
+  }
+
+  std::string m_Id = StoreId();
+  CStaticDataCacheClient m_Client;
+};
+
+}  // namespace
+
+TEST_F(DataVersions, WritesRemovalsCreationsAndTouchesMoveTheirCounters) {
+  ASSERT_EQ(Set("a/b"), S_OK);  // a new compartment: both counters of every level
+  for (const char* level : {"", "a", "a/b"}) EXPECT_EQ(At(level), V(1, 1)) << level;
+  ASSERT_EQ(Set("a/b"), S_OK);  // an existing one: the content counters only
+  for (const char* level : {"", "a", "a/b"}) EXPECT_EQ(At(level), V(1, 2)) << level;
+  EXPECT_EQ(m_Client.GetData(Bstr(m_Id), Bstr("a/b"), Bstr("x"), nullptr), S_OK);
+  EXPECT_EQ(m_Client.RemoveData(Bstr(m_Id), Bstr("a/b"), Bstr("x")), S_OK);
+  EXPECT_EQ(At("a"), V(1, 3));
+  EXPECT_EQ(m_Client.RemoveData(Bstr(m_Id), Bstr("a/b"), Bstr("x")), E_INVALIDARG);  // absent: nothing moves
+  EXPECT_EQ(m_Client.CreateCompartment(Bstr(m_Id), Bstr("a/b")), S_OK);             // exists: nothing moves
+  EXPECT_EQ(At("a/b"), V(1, 3));
+  EXPECT_EQ(m_Client.CreateCompartment(Bstr(m_Id), Bstr("a/n")), S_OK);
+  EXPECT_EQ(At("a/n"), V(1, 1));
+  EXPECT_EQ(At("a"), V(2, 4));
+  EXPECT_EQ(m_Client.TouchCompartment(Bstr(m_Id), Bstr("t")), S_OK);  // absent: created
+  EXPECT_EQ(Cached("t"), 1);
+  EXPECT_EQ(At("t"), V(1, 1));
+  ASSERT_EQ(Set("a/b"), S_OK);
+  EXPECT_EQ(m_Client.TouchCompartment(Bstr(m_Id), Bstr("a/b")), S_OK);  // present: counters only
+  EXPECT_EQ(At("a/b"), V(2, 5));
+  EXPECT_EQ(m_Client.GetData(Bstr(m_Id), Bstr("a/b"), Bstr("x"), nullptr), S_OK);
+  V store;
+  EXPECT_EQ(Cached("/", &store), 0);  // "/" is the store itself, and no compartment
+  EXPECT_EQ(store, At(""));
+}
+
+TEST_F(DataVersions, RemovingACompartmentKeepsOrForgetsItsHistory) {
+  ASSERT_EQ(Set("a/b/c"), S_OK);
+  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("a/b"), 0), S_OK);
+  EXPECT_EQ(Cached("a/b") + Cached("a/b/c"), 0);
+  EXPECT_EQ(Cached("a"), 1);
+  EXPECT_EQ(At("a/b"), V(2, 2));    // by the store, along the path
+  EXPECT_EQ(At("a/b/c"), V(2, 2));  // by the tree, for the descendant
+  ASSERT_EQ(Set("a/b/c"), S_OK);
+  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("a/b"), 1), S_OK);
+  EXPECT_EQ(At("a/b"), V(0, 0));
+  EXPECT_EQ(At("a/b/c"), V(0, 0));
+  ASSERT_EQ(Set("a/b"), S_OK);
+  EXPECT_EQ(At("a/b"), V(1, 1));  // counts anew
+}
+
+TEST_F(DataVersions, FlushStoreForgetsTheWholeStoreAndNothingElse) {
+  ASSERT_EQ(Register(m_Id + "-other", 1), S_OK);
+  ASSERT_EQ(m_Client.TouchCompartment(Bstr(m_Id + "-other"), Bstr("a")), S_OK);
+  ASSERT_EQ(Set("a"), S_OK);
+  EXPECT_EQ(m_Client.FlushStore(Bstr(m_Id)), S_OK);
+  EXPECT_EQ(At(""), V(0, 0));
+  EXPECT_EQ(At("a"), V(0, 0));
+  EXPECT_EQ(Cached("a"), 0);
+  EXPECT_EQ(VersionsOf(m_Id + "-other/a"), V(1, 1));
+  EXPECT_EQ(m_Client.FlushStore(Bstr(m_Id)), S_OK);  // no history left to remove
+}
