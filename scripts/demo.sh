@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the project and runs the main job: mstore driving the registry and the
-# settings on a private registry database.
+# Builds the project and runs the main job: mstore on a private registry
+# database: a store catalogue, then a scripted session on the library's data
+# stores (tools/mstore/demo.mstore), then the settings.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 bash "$root/scripts/install-deps.sh"
@@ -11,20 +12,13 @@ trap 'rm -rf "$work"' EXIT
 reg="$work/registry.db"
 say() { echo; echo "\$ mstore $*"; "$mstore" --registry "$reg" "$@"; }
 
-catalogue='HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore\StoreList'
-say registry set "$catalogue\\DemoStore" Type --type dword 0
-say registry set "$catalogue\\DemoStore" SharedBetweenUserSessions --type dword 1
-say registry set "$catalogue\\DemoStore" Product --type sz "Keldara"
-say registry set "$catalogue\\DemoStore" Blob --type binary "ba 03 01 02 03"
-say registry set "$catalogue\\DemoStore" Names --type multi_sz ab c
-say registry list "$catalogue"
-say registry show "$catalogue\\DemoStore"
-say settings show
+say catalogue add DemoStore
+say catalogue add Archive --type remanent --product Vault
+say catalogue list
+say stores
+say shell --echo --script "$root/tools/mstore/demo.mstore"
 say settings set Merrowstore.Authentication.Timeout 30
 say settings show
-say registry dump 'HKEY_LOCAL_MACHINE\Software\Norvane Co'
-say registry delete-key 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore' || true
-say registry delete-key --recursive 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore'
-say registry list 'HKEY_LOCAL_MACHINE\Software\Norvane Co'
+say registry dump 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore'
 echo
 echo "demo finished"

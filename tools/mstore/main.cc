@@ -4,13 +4,15 @@
 #include <iostream>
 #include <string>
 
+#include "catalogue_command.h"
+#include "library_command.h"
 #include "registry_command.h"
 #include "settings_command.h"
 #include "xk/log.h"
 #include "xk/registry.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"mstore: administration of the store library's registry, settings and stores"};
+  CLI::App app{"mstore: administration of the store library's registry, settings, catalogue and stores"};
   app.require_subcommand(1);
   std::string registryPath;
   std::string logLevels;
@@ -32,6 +34,8 @@ int main(int argc, char** argv) {
   });
   mstore::AddRegistryCommand(app, status);
   mstore::AddSettingsCommand(app, status);
+  mstore::AddCatalogueCommand(app, status);
+  mstore::AddLibraryCommands(app, status);
 
   try {
     app.parse(argc, argv);
