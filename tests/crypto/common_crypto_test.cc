@@ -1,0 +1,411 @@
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "crypto/CommonCrypto.h"
+#include "crypto/KeyFileMask.h"
+#include "xk/testsupport.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+// Some failure paths leave the new array or BSTRs behind by design.
+struct LeaksAllowed {
+  LeaksAllowed() { __lsan_disable(); }
+  ~LeaksAllowed() { __lsan_enable(); }
+};
+#else
+struct LeaksAllowed {};
+#endif
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Strings = std::vector<std::string>;  // "<null>" stands for an empty slot
+using Shape = std::vector<unsigned long>;
+struct Destroy {
+  void operator()(SAFEARRAY* p) const { qxSafeArrayDestroy(p, 0); }
+};
+using Array = std::unique_ptr<SAFEARRAY, Destroy>;
+
+SAFEARRAY* const kUntouched = reinterpret_cast<SAFEARRAY*>(0x1);
+const Bytes kKeyFile = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE, 0x01,
+                        0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0x55};
+
+Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes Cat(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
+
+// The first n bytes of the key file, unmasked when all 16 are there, then zeroes.
+SecureByteVector FileKey(std::size_t n = 16) {
+  SecureByteVector key(kKeyFile.begin(), kKeyFile.begin() + n);
+  for (std::size_t i = 0; n == 16 && i < 16; ++i) key[i] ^= KeyFileMask[i];
+  key.resize(16, 0);
+  return key;
+}
+
+Shape ShapeOf(SAFEARRAY* psa) {
+  Shape shape;
+  for (unsigned i = 0; i < psa->cDims; ++i) shape.push_back(psa->rgsabound[i].cElements);
+  return shape;
+}
+
+VARTYPE Vt(SAFEARRAY* psa) {
+  VARTYPE vt = 0;
+  SafeArrayGetVartype(psa, &vt);
+  return vt;
+}
+
+Bytes Data(SAFEARRAY* psa) {
+  std::size_t n = psa->cbElements;
+  for (unsigned long d : ShapeOf(psa)) n *= d;
+  void* pv = nullptr;
+  EXPECT_EQ(S_OK, SafeArrayAccessData(psa, &pv));
+  Bytes bytes(static_cast<unsigned char*>(pv), static_cast<unsigned char*>(pv) + n);
+  SafeArrayUnaccessData(psa);
+  return bytes;
+}
+
+// A new array of `dims` (as given to SafeArrayCreate) holding `bytes`, or a
+// pattern when none are given.
+Array Make(VARTYPE vt, const Shape& dims, Bytes bytes = {}) {
+  std::vector<SAFEARRAYBOUND> bounds;
+  for (unsigned long d : dims) bounds.push_back({d, 0});
+  Array psa(SafeArrayCreate(vt, static_cast<unsigned>(bounds.size()), bounds.data()));
+  const std::size_t n = Data(psa.get()).size();
+  for (std::size_t i = bytes.size(); i < n; ++i) bytes.push_back(static_cast<unsigned char>(13 * i + 1));
+  void* pv = nullptr;
+  SafeArrayAccessData(psa.get(), &pv);
+  if (n > 0) memcpy(pv, bytes.data(), n);
+  SafeArrayUnaccessData(psa.get());
+  return psa;
+}
+
+Array Blob(const Bytes& bytes) { return Make(VT_UI1, {bytes.size()}, bytes); }
+
+Array List(const Strings& items) {
+  Array psa(SafeArrayCreateVector(VT_BSTR, 0, items.size()));
+  for (int i = 0; i < static_cast<int>(items.size()); ++i) {
+    if (items[i] == "<null>") continue;
+    BSTR b = SysAllocStringByteLen(items[i].data(), static_cast<unsigned>(items[i].size()));
+    SafeArrayPutElement(psa.get(), &i, b);
+    SysFreeString(b);
+  }
+  return psa;
+}
+
+Strings Read(SAFEARRAY* psa) {
+  Strings out;
+  for (int i = 0; i < static_cast<int>(psa->rgsabound[0].cElements); ++i) {
+    BSTR b = nullptr;
+    SafeArrayGetElement(psa, &i, &b);
+    out.push_back(b == nullptr ? "<null>" : std::string(b, SysStringByteLen(b)));
+    SysFreeString(b);
+  }
+  return out;
+}
+
+// AES-128-CBC/PKCS7 straight through EVP under the file's key and the IV
+// byte k = m_const_EntropyData[k] ^ (k + 1).
+Bytes Evp(int encrypt, const Bytes& in) {
+  unsigned char iv[16];
+  for (int k = 0; k < 16; ++k) iv[k] = CommonCrypto::m_const_EntropyData[k] ^ (k + 1);
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  Bytes out(in.size() + 16);
+  int n = 0, tail = 0;
+  EXPECT_EQ(1, EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, FileKey().data(), iv, encrypt));
+  EXPECT_EQ(1, EVP_CipherUpdate(ctx, out.data(), &n, in.data(), static_cast<int>(in.size())));
+  EXPECT_EQ(1, EVP_CipherFinal_ex(ctx, out.data() + n, &tail));
+  EVP_CIPHER_CTX_free(ctx);
+  out.resize(n + tail);
+  return out;
+}
+
+class CommonCryptoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_Sandbox.WriteKeyFile(kKeyFile);
+    ASSERT_EQ(S_OK, m_Persistent.initialize("Remanent", true));
+    ASSERT_EQ(S_OK, m_Volatile.initialize("Memory", false));
+  }
+  // Encrypts `in` twice under the volatile key (equal blobs: the IV is fixed)
+  // and decrypts the blob.
+  Array RoundTrip(SAFEARRAY* in) {
+    SAFEARRAY *blob = nullptr, *again = nullptr, *out = nullptr;
+    EXPECT_EQ(S_OK, m_Volatile.encryptValue(in, blob, false));
+    EXPECT_EQ(S_OK, m_Volatile.encryptValue(in, again, false));
+    Array holders[] = {Array(blob), Array(again)};
+    EXPECT_EQ(ShapeOf(blob).size(), 1u);
+    EXPECT_EQ(Data(blob).size() % 16, 0u);
+    EXPECT_EQ(Data(blob), Data(again));
+    EXPECT_EQ(S_OK, m_Volatile.DecryptValue(blob, out, false));
+    return Array(out);
+  }
+  xk::test::Sandbox m_Sandbox;
+  CommonCrypto m_Persistent, m_Volatile;
+};
+
+TEST_F(CommonCryptoTest, KeyFileGivesItsFirstSixteenBytesUnmasked) {
+  // length -1: no file.
+  const struct { int length; const char* fault; HRESULT hr; std::string line; SecureByteVector key; } cases[] = {
+      {16, nullptr, S_OK, "", FileKey()},
+      {17, nullptr, S_OK, "", FileKey()},
+      {15, nullptr, E_FAIL, "Unable to read the complete key from file (len = 15)", FileKey(15)},
+      {16, "fread", E_FAIL, "Unable to read the complete key from file (len = 5)", FileKey(5)},
+      {-1, nullptr, E_FAIL, "Unable to open the key file", {7, 7}},
+      {16, "fopen", E_FAIL, "Unable to open the key file", {7, 7}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.length << " " << (c.fault ? c.fault : ""));
+    xk::test::Sandbox sandbox;
+    if (c.length >= 0) sandbox.WriteKeyFile(Bytes(kKeyFile.begin(), kKeyFile.begin() + c.length));
+    xk::test::FaultInjector faults;
+    xk::test::LogCapture log;
+    if (c.fault) faults.FailWithShortRead(c.fault, 5);
+    SecureByteVector key = {7, 7};
+    CommonCrypto crypto;
+    EXPECT_EQ(c.hr, crypto.GetKeyFromFile(key));
+    EXPECT_EQ(key, c.key);
+    if (c.fault) faults.FailWithShortRead(c.fault, 5);  // again for the key made from the file
+    EXPECT_EQ(c.hr, crypto.initialize("Store", true));
+    EXPECT_EQ(crypto.PersistentKey() ? crypto.PersistentKey()->Export() : SecureByteVector(),
+              c.hr == S_OK ? key : SecureByteVector());
+    EXPECT_EQ(log.Count("CommonCrypto::GetKeyFromFile : " + c.line), c.hr == S_OK ? 0u : 2u);
+    EXPECT_EQ(log.Contains(1, "CommonCrypto::CreateNewPersistentKey GetKeyFromFile failed"), c.hr != S_OK);
+  }
+}
+
+TEST_F(CommonCryptoTest, PersistentKeysAreSharedVolatileKeysAreNot) {
+  CommonCrypto other, otherVolatile;
+  ASSERT_EQ(S_OK, other.initialize("AnotherRemanent", true));
+  ASSERT_EQ(S_OK, otherVolatile.initialize("Other", false));
+  EXPECT_EQ(m_Persistent.PersistentKey()->Export(), other.PersistentKey()->Export());
+  EXPECT_EQ(m_Persistent.VolatileKey(), nullptr);
+  EXPECT_EQ(m_Volatile.PersistentKey(), nullptr);
+  EXPECT_EQ(m_Volatile.VolatileKey()->GetSize(), 16u);
+  EXPECT_NE(m_Volatile.VolatileKey()->Export(), otherVolatile.VolatileKey()->Export());
+  EXPECT_EQ(m_Volatile.VolatileKey()->GetLabel(), "Memory_AES_NVC_VOLATILE_KEY");
+  EXPECT_EQ(otherVolatile.VolatileKey()->GetLabel(), "Other_AES_NVC_VOLATILE_KEY");
+}
+
+// 4000 gives E_INVALIDARG and the rest E_FAIL; the mapping's two lines come
+// right before the failure line; what was made is released (ASan checks).
+TEST_F(CommonCryptoTest, LibraryFailuresAreMappedAndLogged) {
+  Array value = Make(VT_UI1, {20});
+  SAFEARRAY* blob = nullptr;
+  ASSERT_EQ(S_OK, m_Volatile.encryptValue(value.get(), blob, false));
+  Array holder(blob);
+  using Call = std::function<HRESULT(SAFEARRAY*&)>;
+  const Call volatileKey = [](SAFEARRAY*&) { return CommonCrypto().initialize("S", false); };
+  const Call persistentKey = [](SAFEARRAY*&) { return CommonCrypto().initialize("S", true); };
+  const Call encrypt = [&](SAFEARRAY*& out) { return m_Volatile.encryptValue(value.get(), out, false); };
+  const Call decrypt = [&](SAFEARRAY*& out) { return m_Volatile.DecryptValue(blob, out, false); };
+  const struct { const char* op; const Call& call; std::string line; } runs[] = {
+      {"ICryptoParserParameterMap::SetKeyLabel", volatileKey, "CreateNewVolatileKey : Impossible to generate new key"},
+      {"KeyGenerator::GenerateKey", volatileKey, "CreateNewVolatileKey : Impossible to generate new key"},
+      {"IKey::Create", persistentKey, "CreateNewPersistentKey : Impossible to generate new key"},
+      {"ICryptoParserParameterMap::SetIV", encrypt, "encryptValue : Impossible to retrieve Certificate"},
+      {"Cipher::DoFinal", encrypt, "encryptValue : Impossible to retrieve Certificate"},
+      {"Cipher::Create", decrypt, "DecryptValue : Impossible to retrieve Certificate"},
+      {"Cipher::DoFinal", decrypt, "DecryptValue : Impossible to retrieve Certificate"},
+  };
+  for (const auto& run : runs) {
+    for (unsigned code : {4000u, 4003u}) {
+      SCOPED_TRACE(run.line + " " + run.op + " " + std::to_string(code));
+      xk::test::FaultInjector faults;
+      xk::test::LogCapture log;
+      faults.FailWithThrow(run.op, code);
+      SAFEARRAY* out = kUntouched;
+      EXPECT_EQ(run.call(out), code == 4000 ? E_INVALIDARG : E_FAIL);
+      EXPECT_EQ(out, kUntouched);
+      EXPECT_EQ(faults.Fired(run.op), 1u);
+      const auto e = log.Entries();
+      std::size_t i = 0;
+      while (i < e.size() && e[i].text != "CommonCrypto::util_ConvertCryptoError") ++i;
+      ASSERT_LT(i + 2, e.size());
+      EXPECT_EQ(e[i + 1].text, code == 4000 ? "CommonCrypto::util_ConvertCryptoError: return rv = 0x80070057"
+                                            : "CommonCrypto::util_ConvertCryptoError: return rv = 0x80004005");
+      EXPECT_EQ(e[i + 2].text, "CommonCrypto::" + run.line);
+      EXPECT_EQ(e[i + 2].level, 1);
+    }
+  }
+  // A factory that answers NULL counts as the library running out of memory.
+  for (const auto& [op, call] : {std::pair<const char*, const Call&>{"KeyGenerator::Create", volatileKey},
+                                 {"ICryptoParserParameterMap::Create", encrypt}, {"Cipher::Create", decrypt}}) {
+    xk::test::FaultInjector faults;
+    faults.FailWithNull(op);
+    SAFEARRAY* out = kUntouched;
+    EXPECT_EQ(call(out), E_FAIL) << op;
+    EXPECT_EQ(out, kUntouched);
+  }
+}
+
+TEST_F(CommonCryptoTest, RoundTripsKeepWhatTheFormatKeeps) {
+  const unsigned long kPtr = sizeof(void*);
+  const struct { VARTYPE vt; Shape dims, backShape; std::size_t kept; } cases[] = {
+      {VT_I1, {5}, {5}, 5},       {VT_UI1, {7}, {7}, 7},    {VT_I8, {3}, {3}, 24},  {VT_UI8, {2}, {2}, 16},
+      {VT_INT, {4}, {4}, 16},     {VT_UINT, {0}, {0}, 0},
+      {VT_UI1, {3, 4}, {4, 3}, 12},            // bounds come back in stored order
+      {VT_UI1, {2, 3, 4}, {4, 3}, 12},         // three bounds written, two read
+      {VT_INT, {2, 3}, {6}, 24},               // other vartypes come back flat
+      {VT_UNKNOWN, {2}, {2 * kPtr / 4}, 2 * kPtr},  // read with 4-byte elements
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "vt " << c.vt << " dims " << c.dims.size());
+    Array in = Make(c.vt, c.dims);
+    Array out = RoundTrip(in.get());
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(Vt(out.get()), c.vt);
+    EXPECT_EQ(ShapeOf(out.get()), c.backShape);
+    Bytes expected = Data(in.get());
+    expected.resize(c.kept);
+    expected.resize(Data(out.get()).size(), 0);
+    EXPECT_EQ(Data(out.get()), expected);
+  }
+  const std::string kEmptyText("\0x", 2);  // converts to an empty string
+  const struct { Strings in, out; } lists[] = {
+      {{"alpha", "b", "xyz"}, {"alpha", "b", "xyz"}},
+      {{}, {"<null>"}},
+      {{"<null>", "<null>"}, {"<null>"}},
+      {{"a", "", "c"}, {"a", "c"}},                           // an empty BSTR does not convert: skipped
+      {{"a", kEmptyText, "c"}, {"a"}},                        // an empty string ends the list
+      {{kEmptyText, "b"}, {"<null>", std::string(1, '\0')}},  // an empty element keeps the read offset
+      {{std::string("ab\0cd", 5)}, {"ab"}},
+  };
+  for (const auto& l : lists) {
+    Array out = RoundTrip(List(l.in).get());
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(Read(out.get()), l.out);
+  }
+}
+
+TEST_F(CommonCryptoTest, BlobIsDescriptionZeroAndValueUnderAes) {
+  Array multi = Make(VT_UI1, {2, 3, 4}), unknown = Make(VT_UNKNOWN, {2}), list = List({"ab", "c"}), none = List({});
+  const std::pair<SAFEARRAY*, Bytes> cases[] = {
+      {multi.get(), Cat(B(std::string("UI1_MULTI 4 3 2 \0", 17)), Data(multi.get()))},
+      {unknown.get(), Cat(B(std::string("UNKNOWN\0", 8)), Data(unknown.get()))},
+      {list.get(), B(std::string("BSTR\0ab\0c\0\0", 11))},
+      {none.get(), B(std::string("BSTR\0\0\0", 7))},
+  };
+  for (const auto& [value, plain] : cases) {
+    SAFEARRAY* blob = nullptr;
+    ASSERT_EQ(S_OK, m_Persistent.encryptValue(value, blob, true));
+    EXPECT_EQ(Evp(0, Data(Array(blob).get())), plain);
+  }
+}
+
+TEST_F(CommonCryptoTest, DecryptionJudgesWhatTheKeyYields) {
+  const struct { std::string plain, line; HRESULT hr; VARTYPE vt; Shape shape; Bytes data; } cases[] = {
+      {"", "CommonCrypto::DecryptValue pDescrOut == NULL", E_FAIL, 0, {}, {}},
+      {std::string("XYZ\0ab", 6), "CommonCrypto::DecryptValue *pDescrOut unknown", E_FAIL, 0, {}, {}},
+      {"UI1", "", S_OK, VT_UI1, {0}, {}},  // no terminator: all description
+      {std::string("INT\0abcde", 9), "", S_OK, VT_INT, {1}, B("abcd")},
+      {std::string("UI1_MULTI\0abc", 13), "", S_OK, VT_UI1, {0, 0}, {}},
+      {std::string("UI1_MULTI 2 2 \0abcde", 20), "", S_OK, VT_UI1, {2, 2}, B("abcd")},
+      {std::string("UI1_MULTI 2 3 \0abcde", 20), "CommonCrypto::DecryptValue SafeArrayAccessData failed", E_INVALIDARG,
+       0, {}, {}},  // never more bytes than the blob carries
+      {std::string("BSTR\0abc", 8), "CommonCrypto::DecryptValue nbElem = 0", S_OK, VT_BSTR, {0}, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.plain);
+    xk::test::LogCapture log;
+    SAFEARRAY* out = kUntouched;
+    EXPECT_EQ(c.hr, m_Persistent.DecryptValue(Blob(Evp(1, B(c.plain))).get(), out, true));
+    EXPECT_EQ(log.Count(c.line), c.line.empty() ? 0u : 1u);
+    if (FAILED(c.hr)) {
+      EXPECT_EQ(out, kUntouched);
+      continue;
+    }
+    Array result(out);
+    EXPECT_EQ(Vt(out), c.vt);
+    EXPECT_EQ(ShapeOf(out), c.shape);
+    EXPECT_EQ(Data(out), c.data);
+  }
+
+  Array value = Make(VT_UI1, {40});
+  SAFEARRAY* blob = nullptr;
+  ASSERT_EQ(S_OK, m_Persistent.encryptValue(value.get(), blob, true));
+  const Bytes good = Data(Array(blob).get());
+  Bytes lastByte = good, firstBlock = good;
+  lastByte.back() ^= 1;
+  firstBlock[3] ^= 1;
+  CommonCrypto stranger, keyless;
+  ASSERT_EQ(S_OK, stranger.initialize("Remanent", false));
+  const std::pair<CommonCrypto*, Bytes> unreadable[] = {{&m_Persistent, lastByte},
+                                                        {&m_Persistent, firstBlock},
+                                                        {&m_Persistent, Bytes(good.begin(), good.end() - 1)},
+                                                        {&m_Persistent, {}},
+                                                        {&stranger, good}};
+  for (const auto& [crypto, bytes] : unreadable) {
+    SAFEARRAY* out = kUntouched;
+    EXPECT_EQ(E_FAIL, crypto->DecryptValue(Blob(bytes).get(), out, crypto == &m_Persistent));
+    EXPECT_EQ(out, kUntouched);
+  }
+  xk::test::LogCapture log;
+  SAFEARRAY* out = kUntouched;
+  EXPECT_EQ(E_FAIL, keyless.encryptValue(value.get(), out, true));
+  EXPECT_EQ(E_FAIL, keyless.DecryptValue(Blob(good).get(), out, true));
+  EXPECT_TRUE(log.Contains(1, "CommonCrypto::encryptValue No key was set"));
+  EXPECT_TRUE(log.Contains(1, "CommonCrypto::DecryptValue No key was set"));
+  for (VARTYPE vt : {VT_I2, VT_I4, VT_R8, VT_BOOL, VT_DISPATCH, VT_UI4})
+    EXPECT_EQ(E_FAIL, m_Persistent.encryptValue(Make(vt, {2}).get(), out, true)) << vt;
+  EXPECT_EQ(log.Count("CommonCrypto::encryptValue unsupported vt"), 6u);
+  EXPECT_EQ(out, kUntouched);
+}
+
+TEST_F(CommonCryptoTest, ContainerFailures) {
+  Array value = Make(VT_UI1, {20}), list = List({"a", "b"});
+  SAFEARRAY *valueBlob = nullptr, *listBlob = nullptr;
+  ASSERT_EQ(S_OK, m_Volatile.encryptValue(value.get(), valueBlob, false));
+  ASSERT_EQ(S_OK, m_Volatile.encryptValue(list.get(), listBlob, false));
+  Array holders[] = {Array(valueBlob), Array(listBlob)};
+  [[maybe_unused]] LeaksAllowed leaks;
+  SAFEARRAY* const kValue = value.get();
+  // SafeArrayCreateVector is made to give NULL, the others E_UNEXPECTED; the
+  // value is encrypted, a blob decrypted.
+  const struct { const char* op; unsigned nth; SAFEARRAY* input; HRESULT hr; std::string line; bool written;
+                 Strings items; } cases[] = {
+      {"SafeArrayAccessData", 1, kValue, E_UNEXPECTED, "encryptValue SafeArrayAccessData failed", false, {}},
+      {"SafeArrayUnaccessData", 1, kValue, S_OK, "encryptValue SafeArrayUnaccessData failed", true, {}},
+      {"SafeArrayCreateVector", 1, kValue, E_INVALIDARG, "encryptValue SafeArrayAccessData failed", false, {}},
+      {"SafeArrayAccessData", 2, kValue, E_UNEXPECTED, "encryptValue SafeArrayAccessData failed", false, {}},
+      {"SafeArrayUnaccessData", 2, kValue, E_UNEXPECTED, "encryptValue SafeArrayUnaccessData failed", false, {}},
+      {"SafeArrayAccessData", 1, valueBlob, E_UNEXPECTED, "DecryptValue SafeArrayAccessData failed", false, {}},
+      {"SafeArrayUnaccessData", 1, valueBlob, S_OK, "DecryptValue SafeArrayUnaccessData failed", true, {}},
+      {"SafeArrayAccessData", 2, valueBlob, E_UNEXPECTED, "DecryptValue SafeArrayAccessData failed", false, {}},
+      {"SafeArrayUnaccessData", 1, listBlob, E_UNEXPECTED, "DecryptValue SafeArrayUnaccessData failed", true,
+       {"<null>", "<null>"}},  // nothing is put once the running result failed
+      {"SafeArrayPutElement", 2, listBlob, E_UNEXPECTED, "DecryptValue SafeArrayPutElement failed", true,
+       {"a", "<null>"}},
+      {"SafeArrayCreateVector", 1, listBlob, S_OK, "DecryptValue SafeArrayCreateVector failed", true, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line + " " + std::to_string(c.nth));
+    xk::test::FaultInjector faults;
+    xk::test::LogCapture log;
+    const std::string op = c.op;
+    if (op == "SafeArrayCreateVector") {
+      faults.FailWithNull(c.op, c.nth);
+    } else {
+      faults.FailWithCode(c.op, E_UNEXPECTED, c.nth);
+    }
+    SAFEARRAY* out = kUntouched;
+    EXPECT_EQ(c.hr, c.input == kValue ? m_Volatile.encryptValue(c.input, out, false)
+                                      : m_Volatile.DecryptValue(c.input, out, false));
+    EXPECT_EQ(faults.Fired(c.op), 1u);
+    EXPECT_TRUE(log.Contains(1, "CommonCrypto::" + c.line));
+    EXPECT_EQ(out != kUntouched, c.written);
+    if (c.written) {
+      Array result(out);
+      EXPECT_EQ(out == nullptr, op == "SafeArrayCreateVector");
+      EXPECT_EQ(out != nullptr && Vt(out) == VT_BSTR ? Read(out) : Strings(), c.items);
+    }
+    // A failed unaccess of the input left it locked.
+    if (op == "SafeArrayUnaccessData" && c.nth == 1) SafeArrayUnaccessData(c.input);
+  }
+}
+
+}  // namespace
