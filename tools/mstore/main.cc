@@ -5,6 +5,7 @@
 #include <string>
 
 #include "catalogue_command.h"
+#include "keyfile_command.h"
 #include "library_command.h"
 #include "registry_command.h"
 #include "settings_command.h"
@@ -36,6 +37,7 @@ int main(int argc, char** argv) {
   mstore::AddSettingsCommand(app, status);
   mstore::AddCatalogueCommand(app, status);
   mstore::AddLibraryCommands(app, status);
+  mstore::AddKeyFileCommand(app, status);
 
   try {
     app.parse(argc, argv);
