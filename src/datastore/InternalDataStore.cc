@@ -4,6 +4,7 @@
 #include "common/Module.h"
 #include "datastore/StoreMutexLock.h"
 #include "trees/MemoryTree.h"
+#include "trees/RegistryTree.h"
 #include "trees/VersionHistory.h"
 #include "xk/log.h"
 
@@ -45,20 +46,21 @@ HRESULT CInternalDataStore::Begin(char* sBSTRStoreId, QX::DataStore::Type eType,
   m_Availability.Clear();
 
   if (bEncrypted != 0) {
-    hr = SetUpKey();
+    // The text names a PIN store operation; it is this store's key set-up
+    // that failed.
+    hr = m_Crypto.initialize(m_StoreId, RemanentSwitch());
     if (FAILED(hr)) {
       xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin GetPINCachingMode failed");
       goto exit;
     }
   }
+  // The key asks whether the kind is not 0, the tree whether it is exactly 1:
+  // any other kind (from a direct registration only; the catalogue gives 0 or
+  // 1) gets the key file's key and a memory tree.
   if (m_Type == QX::DataStore::TypeRemanent) {
+    // A fixed trace: nothing is tested behind it.
     xklogLog(MSTORE_MODULE, 16, "VistaOrHigher bRet = %s", "false");
-    pTree = CreateRemanentTree();
-    if (pTree == NULL) {
-      xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::Begin CRegistryTree is not available");
-      hr = E_FAIL;
-      goto exit;
-    }
+    pTree = new CRegistryTree(m_StoreId, 0);
   } else {
     pTree = new CMemoryTree(m_StoreId);
   }
@@ -68,15 +70,6 @@ exit:
   xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::Begin hr = 0x%x", static_cast<unsigned int>(hr));
   return hr;
 }
-
-// Key set-up of an encrypted store: CommonCrypto::initialize with the store id
-// and the remanent switch (m_Type != 0). Value protection is not part of this
-// build, so every encrypted store is refused here.
-HRESULT CInternalDataStore::SetUpKey() { return E_FAIL; }
-
-// The tree of a remanent store: a CRegistryTree(m_StoreId, 0). The registry
-// tree is not part of this build, so there is none to make.
-CAbstractTree* CInternalDataStore::CreateRemanentTree() { return NULL; }
 
 HRESULT CInternalDataStore::End() {
   xklogLog(MSTORE_MODULE, 8, "CInternalDataStore::End");
@@ -142,10 +135,16 @@ HRESULT CInternalDataStore::SetData(unsigned int dwClientProcessId, char* sBSTRC
     hr = ConvertIds("SetData", sBSTRCompartmentId, sBSTRDataId, sCompartmentId, &sDataId);
     if (SUCCEEDED(hr)) {
       // The store's own copy; the caller's array is never touched.
-      SafeArrayCopy(psaDataValue, &psaToStore);
-      // An encrypted store protects its copy here, before it knows whether it
-      // can serve; Begin refuses encrypted stores in this build.
-      hr = CheckTree("SetData");
+      SAFEARRAY* psaCopy = NULL;
+      SafeArrayCopy(psaDataValue, &psaCopy);
+      // An encrypted store protects its copy before it knows whether it can
+      // serve.
+      if (m_bEncrypted != 0) {
+        hr = ProtectValue(psaCopy, psaToStore);
+      } else {
+        psaToStore = psaCopy;
+      }
+      if (SUCCEEDED(hr)) hr = CheckTree("SetData");
       if (SUCCEEDED(hr)) hr = CheckServing("SetData");
     }
     if (SUCCEEDED(hr)) {
@@ -200,9 +199,12 @@ HRESULT CInternalDataStore::GetData(unsigned int dwClientProcessId, char* sBSTRC
       } else if (FAILED(hr)) {
         xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData GetData failed");
       } else {
-        // An encrypted store recovers the clear value from psaStored here.
-        psaClear = psaStored;
-        if (ppsaDataValue != NULL) {
+        if (m_bEncrypted != 0) {
+          hr = RecoverValue(psaStored, psaClear);
+        } else {
+          psaClear = psaStored;
+        }
+        if (SUCCEEDED(hr) && ppsaDataValue != NULL) {
           hr = SafeArrayCopy(psaClear, ppsaDataValue);
           if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData SafeArrayCopy failed");
         }
@@ -214,5 +216,44 @@ HRESULT CInternalDataStore::GetData(unsigned int dwClientProcessId, char* sBSTRC
     }
   }
   xklogLog(MSTORE_MODULE, 16, "CInternalDataStore::GetData hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
+}
+
+// Encrypts the store's copy into psaToStore and destroys the copy. On a
+// failed encryption psaToStore stays NULL. A failed destruction of the copy is
+// returned with psaToStore already holding the ciphertext, which the caller
+// destroys with the value to store.
+HRESULT CInternalDataStore::ProtectValue(SAFEARRAY* psaCopy, SAFEARRAY*& psaToStore) {
+  SAFEARRAY* psaProtected = NULL;
+  HRESULT hr = m_Crypto.encryptValue(psaCopy, psaProtected, RemanentSwitch());
+  if (FAILED(hr)) {
+    xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData EncryptValue failed");
+    qxSafeArrayDestroy(psaCopy, 0);
+    return hr;
+  }
+  psaToStore = psaProtected;
+  hr = qxSafeArrayDestroy(psaCopy, 0);
+  if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData qxSafeArrayDestroy failed");
+  return hr;
+}
+
+// Decrypts the tree's array into psaClear, the array GetData destroys at its
+// end: the clear value on success, the stored array when decryption failed.
+// A failed destruction of the stored array after a success is returned, with
+// psaClear holding the clear value.
+HRESULT CInternalDataStore::RecoverValue(SAFEARRAY* psaStored, SAFEARRAY*& psaClear) {
+  SAFEARRAY* psaOut = NULL;
+  HRESULT hr = m_Crypto.DecryptValue(psaStored, psaOut, RemanentSwitch());
+  if (FAILED(hr)) {
+    xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData DecryptValue failed");
+    // A string list that failed part way comes back partly filled; it is
+    // nobody's, so it goes.
+    if (psaOut != NULL) qxSafeArrayDestroy(psaOut, 0);
+    psaClear = psaStored;
+    return hr;
+  }
+  psaClear = psaOut;
+  hr = qxSafeArrayDestroy(psaStored, 0);
+  if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::GetData qxSafeArrayDestroy failed");
   return hr;
 }

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include "crypto/CommonCrypto.h"
 #include "datastore/SessionAvailability.h"
 #include "merrowstore/DataStoreType.h"
 #include "merrowstore/export.h"
@@ -22,6 +23,13 @@
 // store lock. The compartment path handed to the tree is the caller's
 // compartment id unchanged; dwClientProcessId decides nothing.
 //
+// An encrypted store keeps every value as a VT_UI1 vector of ciphertext made
+// by its own CommonCrypto: the tree never sees a clear value. The key is made
+// by Begin: a fresh one for this process when eType is 0, the key file's for
+// any other kind (the "remanent switch", m_Type != 0). A remanent store (eType
+// exactly 1) keeps its tree in the registry (CRegistryTree), where other
+// processes see the same data.
+//
 // A store serves compartments only when it was begun as shared between user
 // sessions; any other store refuses every compartment operation with E_FAIL,
 // except RemoveCompartment and the flushes.
@@ -40,12 +48,13 @@ class MERROWSTORE_EXPORT CInternalDataStore {
   CInternalDataStore(const CInternalDataStore&) = delete;
   CInternalDataStore& operator=(const CInternalDataStore&) = delete;
 
-  // Sets the store up: mutex, identity, flags, product, then its tree. A
-  // failed mutex set-up is logged and reported as S_OK with the store left
-  // without a tree (it then refuses its operations with E_FAIL). An empty id
-  // gives E_INVALIDARG. Encrypted stores and remanent (eType 1) stores are
-  // refused with E_FAIL in this build (see docs/fragments/datastore.md), with
-  // no tree made. Takes no lock.
+  // Sets the store up: mutex, identity, flags, product, its key when
+  // bEncrypted, then its tree (a registry tree for eType 1, a memory tree for
+  // any other kind). A failed mutex set-up is logged and reported as S_OK with
+  // the store left without a tree (it then refuses its operations with
+  // E_FAIL). An empty id gives E_INVALIDARG. A failed key set-up (for a kind
+  // other than 0: a missing or short key file) is returned, E_FAIL, with no
+  // tree made. Takes no lock.
   HRESULT Begin(char* sBSTRStoreId, QX::DataStore::Type eType, signed char bEncrypted,
                 signed char bSharedBetweenUserSessions, SecureString const& sProduct);
   // Forgets the sessions, destroys the tree. Always S_OK; takes no lock and
@@ -55,15 +64,20 @@ class MERROWSTORE_EXPORT CInternalDataStore {
   HRESULT GetStoreInfo(QX::DataStore::Type& eType, signed char& bEncrypted, signed char& bSharedBetweenUserSessions,
                        SecureString& sProduct);
 
-  // Stores a deep copy of psaDataValue; the caller keeps its array. Raises the
-  // content version along the history path, or both versions when the
-  // compartment is new. A failed version update is returned, the value stays.
+  // Stores a deep copy of psaDataValue, encrypted first when the store is; the
+  // caller keeps its array. Raises the content version along the history path,
+  // or both versions when the compartment is new. A failed version update is
+  // returned, the value stays. A failed encryption is returned and the stored
+  // data stays as it was; an encrypted store not shared encrypts before it
+  // refuses.
   HRESULT SetData(unsigned int dwClientProcessId, char* sBSTRCompartmentId, char* sBSTRDataId,
                   tagSAFEARRAY* psaDataValue);
   // A deep copy of the stored value in *ppsaDataValue, owned by the caller;
   // with ppsaDataValue NULL nothing is delivered and the result says whether
-  // the item exists. An absent item gives E_INVALIDARG, logged as "data not
-  // found" at the detail level. Moves no version.
+  // the item exists (and, in an encrypted store, decrypts). An absent item
+  // gives E_INVALIDARG, logged as "data not found" at the detail level; a value
+  // that does not decrypt under the store's key gives CommonCrypto's code.
+  // Moves no version.
   HRESULT GetData(unsigned int dwClientProcessId, char* sBSTRCompartmentId, char* sBSTRDataId,
                   tagSAFEARRAY** ppsaDataValue);
   // Removes one item and raises the content versions; an absent item gives the
@@ -121,8 +135,10 @@ class MERROWSTORE_EXPORT CInternalDataStore {
   HRESULT CheckTree(const char* sOperation);
   HRESULT CheckServing(const char* sOperation);
   SecureString HistoryPath(const SecureString& sCompartmentIdGlobal) const;
-  HRESULT SetUpKey();
-  CAbstractTree* CreateRemanentTree();
+  // Which key m_Crypto uses: the key file's for every kind but 0.
+  bool RemanentSwitch() const { return m_Type != QX::DataStore::TypeMemory; }
+  HRESULT ProtectValue(SAFEARRAY* psaCopy, SAFEARRAY*& psaToStore);
+  HRESULT RecoverValue(SAFEARRAY* psaStored, SAFEARRAY*& psaClear);
   HRESULT RemoveFromEverySession(unsigned int dwClientProcessId, const SecureString& sCompartmentId,
                                  signed char bRemoveVersions);
 
@@ -137,8 +153,9 @@ class MERROWSTORE_EXPORT CInternalDataStore {
   SecureString m_Product;
   // m_SessionAvailability and m_SessionTimeStamps, behind their own lock.
   CSessionAvailability m_Availability;
-  // The store's value protection (a CommonCrypto by value) joins here with
-  // encryption; SetUpKey and the marked steps of SetData and GetData use it.
+  // Value protection: keyed by Begin when the store is encrypted, used by
+  // SetData and GetData under m_Mutex.
+  CommonCrypto m_Crypto;
 };
 
 #endif

@@ -116,10 +116,11 @@ TEST(DataClient, RegistrationRefusalsLeaveTheMapAsItWas) {
   qxSysFreeString(product, 0);
   EXPECT_EQ(Register(id + "2", 1, ""), E_INVALIDARG);  // no store without a product
   EXPECT_TRUE(log.Contains(2, "CStaticDataCacheClient::RegisterDataStore BSTR2wstring failed"));
-  // Encrypted and remanent stores are refused by their set-up for now.
-  EXPECT_EQ(Register(id + "3", 1, "P", QX::DataStore::TypeMemory, 1), E_FAIL);
+  // Without a key file, every encrypted kind but the memory one fails its key set-up.
+  xk::test::Sandbox sandbox;
+  EXPECT_EQ(Register(id + "3", 1, "P", QX::DataStore::TypeRemanent, 1), E_FAIL);
   EXPECT_TRUE(log.Contains(1, "CInternalDataStore::Begin GetPINCachingMode failed"));
-  EXPECT_EQ(Register(id + "4", 1, "P", QX::DataStore::TypeRemanent), E_FAIL);
+  EXPECT_EQ(Register(id + "4", 1, "P", static_cast<QX::DataStore::Type>(2), 1), E_FAIL);
   EXPECT_EQ(log.Count("CStaticDataCacheClient::RegisterDataStore Begin failed"), 2u);
   for (const char* tag : {"2", "3", "4"}) EXPECT_EQ(gStaticDataStoreRegistration.m_Stores.count(S(id + tag)), 0u);
   // Any other kind gets a memory tree and keeps its number.

@@ -15,10 +15,12 @@
 #include "trees/VersionHistory.h"
 #include "xk/oleauto.h"
 
-// Reaches the tree of a store, for what the client cannot show.
+// Reaches the tree and the value protection of a store, for what the client
+// cannot show.
 class CInternalDataStoreTestPeer {
  public:
   static CAbstractTree*& Tree(CInternalDataStore& store) { return store.m_Tree; }
+  static CommonCrypto& Crypto(CInternalDataStore& store) { return store.m_Crypto; }
 };
 
 namespace dstest {
@@ -58,6 +60,23 @@ inline std::vector<std::string> Take(SAFEARRAY* psa) {
   }
   if (psa != nullptr) SafeArrayDestroy(psa);
   return out;
+}
+
+// The bytes of a VT_UI1 vector, which is destroyed.
+inline std::string TakeBytes(SAFEARRAY* psa) {
+  std::string out;
+  if (psa == nullptr) return out;
+  EXPECT_EQ(psa->vt, VT_UI1);
+  out.assign(static_cast<const char*>(psa->pvData), psa->rgsabound[0].cElements);
+  SafeArrayDestroy(psa);
+  return out;
+}
+
+// A key file's 16 bytes; different seeds give different keys.
+inline std::vector<unsigned char> KeyFile(unsigned char seed) {
+  std::vector<unsigned char> bytes(16);
+  for (int i = 0; i < 16; ++i) bytes[i] = static_cast<unsigned char>(seed * 31 + i * 7);
+  return bytes;
 }
 
 inline V VersionsOf(const std::string& global) {

@@ -15,7 +15,9 @@
 #include <fstream>
 
 #include "catalogue_support.h"
+#include "crypto/KeyFileMask.h"
 #include "merrowstore/StaticDataCacheClient.h"
+#include "trees/RegistryTree.h"
 #include "trees/VersionHistory.h"
 #include "xk/testsupport.h"
 
@@ -146,22 +148,54 @@ TEST(RegistrationLoad, TheCatalogueIsReadAtLoadAndTheStoresEndOnceAtUnload) {
   ASSERT_EQ(run.status, 0) << run.report;
   EXPECT_EQ(run.report,
             "history 1\n"
-            "list 0x0 4\n"
+            "list 0x0 6\n"
             "store A_plain 0 0 0 [Keldara] 0x80004005\n"
             "store B_shared 0 0 1 [Acme] 0x0\n"
             "store C_odd 0 0 1 [Keldara] 0x0\n"
+            "store E_encrypted 0 1 0 [Keldara] 0x80004005\n"
+            "store F_remanent 1 0 0 [Keldara] 0x80004005\n"
             "store G_last 0 0 1 [Keldara] 0x0\n");
   EXPECT_EQ(CountOf(run, "1 GetRegInfos qxRegRead failed rc = 70c"), 1u);
   EXPECT_EQ(CountOf(run, "2 CStaticDataCacheClient::RegisterDataStore BSTR2wstring failed"), 1u);
-  EXPECT_EQ(CountOf(run, "2 CStaticDataCacheClient::RegisterDataStore Begin failed"), 2u);
+  EXPECT_EQ(CountOf(run, "2 CStaticDataCacheClient::RegisterDataStore Begin failed"), 0u);
 
   // Teardown: every store ends once, inside the registration's destructor,
   // and its tree goes with it; the history tree stays.
   const auto from = run.log.begin() + IndexOf(run, "8 StaticDataStoreRegistration::~StaticDataStoreRegistration");
   const auto to = run.log.begin() + IndexOf(run, "16 StaticDataStoreRegistration::~StaticDataStoreRegistration");
   ASSERT_TRUE(from < to && to != run.log.end());
-  for (const char* record : {"8 CInternalDataStore::End", "0 CMemoryTree::~CMemoryTree"}) {
-    EXPECT_EQ(std::count(from, to, record), 4) << record;
-    EXPECT_EQ(CountOf(run, record), 4u) << record;
+  for (const auto& [record, count] : {std::pair<const char*, int>{"8 CInternalDataStore::End", 6},
+                                      {"0 CMemoryTree::~CMemoryTree", 5},
+                                      {"0 CRegistryTree::~CRegistryTree", 1}}) {
+    EXPECT_EQ(std::count(from, to, record), count) << record;
+    EXPECT_EQ(CountOf(run, record), static_cast<std::size_t>(count)) << record;
   }
+}
+
+TEST(RegistrationLoad, AMissingKeyFileLeavesOutOnlyTheEncryptedRemanentStore) {
+  // The child cannot be given a sandboxed key file: it reads the real path.
+  if (access(KeyFilePath, F_OK) == 0) GTEST_SKIP() << "a key file is installed at " << KeyFilePath;
+  xk::test::Sandbox sandbox;
+  using namespace cattest;
+  for (const char* id : {"M_plain", "M_vault", "R_plain", "R_vault"}) {
+    Dword(id, "SharedBetweenUserSessions", 1);
+    if (id[0] == 'R') Dword(id, "Type", 1);
+    if (id[2] == 'v') Dword(id, "Encrypted", 1);
+  }
+  ChildRun run = LoadInChild(sandbox);
+  ASSERT_EQ(run.status, 0) << run.report;
+  EXPECT_EQ(run.report,
+            "history 1\n"
+            "list 0x0 3\n"
+            "store M_plain 0 0 1 [Keldara] 0x0\n"
+            "store M_vault 0 1 1 [Keldara] 0x0\n"
+            "store R_plain 1 0 1 [Keldara] 0x0\n");
+  EXPECT_EQ(CountOf(run, "1 CInternalDataStore::Begin GetPINCachingMode failed"), 1u);
+  EXPECT_EQ(CountOf(run, "2 CStaticDataCacheClient::RegisterDataStore Begin failed"), 1u);
+  // The remanent store's write outlived the child, in the clear.
+  SAFEARRAY* value = nullptr;
+  ASSERT_EQ(CRegistryTree(SecureString("R_plain"), 0).GetData(SecureString("c"), SecureString("d"), value, 0), S_OK);
+  EXPECT_EQ(value->vt, VT_UI1);
+  EXPECT_EQ(value->rgsabound[0].cElements, 1u);
+  qxSafeArrayDestroy(value, 0);
 }

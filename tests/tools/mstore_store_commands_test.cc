@@ -99,7 +99,7 @@ TEST(MstoreStores, ListsWhatTheLibraryRegisteredAndWhatItDidNot) {
   EXPECT_EQ(RunMstore(sandbox, "stores").out, "no data store: the catalogue is empty\n");
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Demo").status, 0);
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Other --not-shared --product Acme").status, 0);
-  // Remanent stores cannot be set up yet, and an empty product is always refused.
+  // An empty product is always refused.
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Remanent --type 1").status, 0);
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Unnamed --product ''").status, 0);
 
@@ -108,9 +108,9 @@ TEST(MstoreStores, ListsWhatTheLibraryRegisteredAndWhatItDidNot) {
   EXPECT_EQ(stores.out,
             "Demo: memory, not encrypted, shared, product \"Keldara\"\n"
             "Other: memory, not encrypted, not shared, product \"Acme\"\n"
-            "not registered: Remanent (catalogue: remanent, not encrypted, shared, product \"Keldara\")\n"
+            "Remanent: remanent, not encrypted, shared, product \"Keldara\"\n"
             "not registered: Unnamed (catalogue: memory, not encrypted, shared, product \"\")\n"
-            "the library did not register 2 of the catalogue's 4 entries; `mstore --log failure stores` shows "
+            "the library did not register 1 of the catalogue's 4 entries; `mstore --log failure stores` shows "
             "why\n");
 
   // Without its plugin beside it, mstore says so instead of crashing.

@@ -1,0 +1,183 @@
+// Encrypted and remanent stores in one process: which key and which tree each
+// kind gets, what the tree really holds, and the failures of protection and
+// recovery. Values that outlive a process are in remanent_store_process_test.
+
+#include <filesystem>
+
+#include "datastore_test_support.h"
+#include "trees/MemoryTree.h"
+#include "trees/RegistryTree.h"
+#include "xk/testsupport.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+using namespace dstest;
+using xk::test::FaultInjector;
+using xk::test::LogCapture;
+
+namespace {
+
+// The value a store's tree holds, as it lies there.
+SAFEARRAY* Raw(const std::string& id, const std::string& comp, const std::string& data) {
+  SAFEARRAY* psa = nullptr;
+  EXPECT_EQ(CInternalDataStoreTestPeer::Tree(*Store(id))->GetData(S(comp), S(data), psa, 0), S_OK);
+  return psa;
+}
+
+std::vector<std::string> Read(const std::string& id, const std::string& comp, const std::string& data,
+                              HRESULT expected = S_OK) {
+  SAFEARRAY* out = nullptr;
+  EXPECT_EQ(CStaticDataCacheClient().GetData(Bstr(id), Bstr(comp), Bstr(data), &out), expected);
+  return Take(out);
+}
+
+HRESULT Write(const std::string& id, const std::string& comp, const std::string& data,
+              const std::vector<std::string>& items) {
+  SAFEARRAY* value = MakeValue(items);
+  const HRESULT hr = CStaticDataCacheClient().SetData(Bstr(id), Bstr(comp), Bstr(data), value);
+  SafeArrayDestroy(value);
+  return hr;
+}
+
+}  // namespace
+
+TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
+  xk::test::Sandbox sandbox;
+  struct Row {
+    int type;
+    signed char encrypted;
+    bool keyFile;
+    HRESULT hr;
+    const char* tree;  // "memory", "registry" or "none"
+    const char* key;   // "volatile", "persistent" or "none"
+  };
+  const Row rows[] = {
+      {0, 0, false, S_OK, "memory", "none"},     {0, 1, false, S_OK, "memory", "volatile"},
+      {1, 0, false, S_OK, "registry", "none"},   {1, 1, false, E_FAIL, "none", "none"},
+      {1, 1, true, S_OK, "registry", "persistent"}, {2, 1, false, E_FAIL, "none", "none"},
+      {2, 1, true, S_OK, "memory", "persistent"},
+  };
+  for (const Row& row : rows) {
+    const std::string what = std::to_string(row.type) + "/" + std::to_string(row.encrypted) + "/" +
+                             std::to_string(row.keyFile);
+    std::filesystem::remove(sandbox.KeyFilePath());
+    if (row.keyFile) sandbox.WriteKeyFile(KeyFile(1));
+    CInternalDataStore store;
+    LogCapture log;
+    EXPECT_EQ(store.Begin(Bstr(StoreId(what)), static_cast<QX::DataStore::Type>(row.type), row.encrypted, 1,
+                          S("P")),
+              row.hr)
+        << what;
+    CAbstractTree* tree = CInternalDataStoreTestPeer::Tree(store);
+    const std::string treeKind = tree == nullptr                             ? "none"
+                                 : dynamic_cast<CMemoryTree*>(tree) != nullptr   ? "memory"
+                                 : dynamic_cast<CRegistryTree*>(tree) != nullptr ? "registry"
+                                                                                 : "other";
+    EXPECT_EQ(treeKind, row.tree) << what;
+    const CommonCrypto& crypto = CInternalDataStoreTestPeer::Crypto(store);
+    const std::string keyKind = crypto.VolatileKey() != nullptr     ? "volatile"
+                                : crypto.PersistentKey() != nullptr ? "persistent"
+                                                                    : "none";
+    EXPECT_EQ(keyKind, row.key) << what;
+    EXPECT_EQ(log.Contains(1, "CInternalDataStore::Begin GetPINCachingMode failed"), FAILED(row.hr)) << what;
+    EXPECT_EQ(log.Contains(16, "VistaOrHigher bRet = false"), row.type == 1 && SUCCEEDED(row.hr)) << what;
+    store.End();
+  }
+
+  // A key that cannot be generated fails an encrypted memory store the same way.
+  FaultInjector faults;
+  faults.FailWithThrow("KeyGenerator::GenerateKey", 4003);
+  CInternalDataStore store;
+  EXPECT_EQ(store.Begin(Bstr(StoreId("gen")), QX::DataStore::TypeMemory, 1, 1, S("P")), E_FAIL);
+  EXPECT_EQ(CInternalDataStoreTestPeer::Tree(store), nullptr);
+}
+
+TEST(ProtectedStore, AnEncryptedStoreHoldsOnlyCiphertextAndHandsBackTheClearValue) {
+  xk::test::Sandbox sandbox;
+  const std::string id = StoreId();
+  ASSERT_EQ(Register(id, 1, "P", QX::DataStore::TypeMemory, 1), S_OK);
+  ASSERT_EQ(Write(id, "s/c", "item", {"alpha", "beta"}), S_OK);
+  EXPECT_EQ(VersionsOf(id + "/s/c"), V(1, 1));
+
+  // The tree holds a blob that the store's own key turns back into the value.
+  SAFEARRAY* stored = Raw(id, "s/c", "item");
+  ASSERT_NE(stored, nullptr);
+  SAFEARRAY* clear = nullptr;
+  ASSERT_EQ(CInternalDataStoreTestPeer::Crypto(*Store(id)).DecryptValue(stored, clear, false), S_OK);
+  EXPECT_EQ(Take(clear), (std::vector<std::string>{"alpha", "beta"}));
+  const std::string blob = TakeBytes(stored);
+  EXPECT_EQ(blob.size() % 16, 0u);
+  EXPECT_EQ(blob.find("alpha"), std::string::npos);
+
+  EXPECT_EQ(Read(id, "s/c", "item"), (std::vector<std::string>{"alpha", "beta"}));
+  CStaticDataCacheClient client;
+  EXPECT_EQ(client.GetData(Bstr(id), Bstr("s/c"), Bstr("item"), nullptr), S_OK);
+
+  // A blob that does not decrypt fails even the test of existence, and stays.
+  SAFEARRAY* garbage = SafeArrayCreateVector(VT_UI1, 0, 16);
+  ASSERT_EQ(CInternalDataStoreTestPeer::Tree(*Store(id))->SetData(S("s/c"), S("bad"), garbage, 0, 1), S_OK);
+  SafeArrayDestroy(garbage);
+  LogCapture log;
+  EXPECT_EQ(client.GetData(Bstr(id), Bstr("s/c"), Bstr("bad"), nullptr), E_FAIL);
+  EXPECT_TRUE(log.Contains(1, "CInternalDataStore::GetData DecryptValue failed"));
+  EXPECT_EQ(TakeBytes(Raw(id, "s/c", "bad")), std::string(16, '\0'));
+
+  // A store that is not shared has already encrypted its copy when it refuses.
+  ASSERT_EQ(Register(id + "U", 0, "P", QX::DataStore::TypeMemory, 1), S_OK);
+  log.Clear();
+  EXPECT_EQ(Write(id + "U", "c", "d", {"v"}), E_FAIL);
+  std::vector<std::string> order;
+  for (const auto& e : log.Entries()) {
+    if (e.text == "CommonCrypto::encryptValue") order.push_back("encrypt");
+    if (e.text.find("SetData Shared between user sessions") != std::string::npos) order.push_back("refuse");
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"encrypt", "refuse"}));
+}
+
+TEST(ProtectedStore, FailedProtectionOrRecoveryFailsTheCallAndKeepsTheData) {
+  xk::test::Sandbox sandbox;
+  sandbox.WriteKeyFile(KeyFile(1));
+  const std::string id = StoreId();
+  for (const QX::DataStore::Type eType : {QX::DataStore::TypeMemory, QX::DataStore::TypeRemanent}) {
+    const std::string sid = id + std::to_string(eType);
+    ASSERT_EQ(Register(sid, 1, "P", eType, 1), S_OK);
+    ASSERT_EQ(Write(sid, "c", "d", {"old"}), S_OK);
+    const V versions = VersionsOf(sid + "/c");
+    LogCapture log;
+    FaultInjector faults;
+    // The cryptography library's invalid argument maps to E_INVALIDARG, all else to E_FAIL.
+    for (const auto& [code, hr] : {std::pair<unsigned, HRESULT>{4003, E_FAIL}, {4000, E_INVALIDARG}}) {
+      faults.FailWithThrow("Cipher::DoFinal", code);
+      EXPECT_EQ(Write(sid, "c", "d", {"new"}), hr) << sid;
+      EXPECT_EQ(faults.Fired("Cipher::DoFinal"), 1u);
+      faults.Reset();
+    }
+    EXPECT_EQ(log.Count("CInternalDataStore::SetData EncryptValue failed"), 2u);
+    faults.FailWithThrow("Cipher::DoFinal", 4003);
+    EXPECT_EQ(Read(sid, "c", "d", E_FAIL), std::vector<std::string>{});
+    EXPECT_TRUE(log.Contains(1, "CInternalDataStore::GetData DecryptValue failed"));
+    EXPECT_TRUE(log.Contains(1, "CStaticDataCacheClient::GetData: GetData failed hr = 80004005"));
+    EXPECT_EQ(Read(sid, "c", "d"), std::vector<std::string>{"old"});
+    EXPECT_EQ(VersionsOf(sid + "/c"), versions);
+
+    // The first destruction of each call is that of the store's own array
+    // beside the crypto: the copy before it is stored, the blob after it is
+    // read. Each failed destruction leaves that array behind.
+    faults.Reset();
+    {
+#if defined(__SANITIZE_ADDRESS__)
+      __lsan::ScopedDisabler leaks;
+#endif
+      faults.FailWithCode("qxSafeArrayDestroy", E_OUTOFMEMORY);
+      EXPECT_EQ(Write(sid, "c", "d", {"new"}), E_OUTOFMEMORY);
+      EXPECT_TRUE(log.Contains(1, "CInternalDataStore::SetData qxSafeArrayDestroy failed"));
+      faults.FailWithCode("qxSafeArrayDestroy", E_OUTOFMEMORY);
+      EXPECT_EQ(Read(sid, "c", "d", E_OUTOFMEMORY), std::vector<std::string>{});
+      EXPECT_TRUE(log.Contains(1, "CInternalDataStore::GetData qxSafeArrayDestroy failed"));
+    }
+    EXPECT_EQ(Read(sid, "c", "d"), std::vector<std::string>{"old"});
+    EXPECT_EQ(VersionsOf(sid + "/c"), versions);
+  }
+}
