@@ -88,3 +88,20 @@ TEST(MstoreCli, SettingsShowTheirSourceAndCanBeSetAndReset) {
   Result logged = RunMstore(sandbox, "--log all settings show");
   EXPECT_EQ(logged.status, 0);
 }
+
+TEST(MstoreCli, RemanentStoreValuesShowTheArrayTheyReadBackAs) {
+  xk::test::Sandbox sandbox;
+  const std::string key = "'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\S\\1'";
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " a --type binary 'ba 03 01 02 03'").status, 0);
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " b --type multi_sz ab '' c").status, 0);
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " c --type binary 'bb 02 61 62 bb 01 63'").status, 0);
+  ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " d --type binary '77 00'").status, 0);
+  Result show = RunMstore(sandbox, "registry show " + key);
+  EXPECT_NE(show.out.find("-> VT_UI1 vector of 3 elements (record 0xBA)"), std::string::npos) << show.out;
+  // An empty string ends the list: only "ab" comes back.
+  EXPECT_NE(show.out.find("-> VT_BSTR vector of 1 element\n"), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("-> VT_UI1 array of 2 rows of 3 bytes (records 0xBB)"), std::string::npos) << show.out;
+  EXPECT_NE(show.out.find("-> no array"), std::string::npos) << show.out;
+  // Outside the remanent stores nothing is added.
+  EXPECT_EQ(RunMstore(sandbox, "registry show " + kKey).out.find("->"), std::string::npos);
+}

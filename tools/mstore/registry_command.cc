@@ -79,7 +79,12 @@ long PrintValues(const KeyName& key, const std::string& indent) {
     rc = ReadValue(key, v.szName, type, bytes);
     if (rc != ERROR_SUCCESS) return rc;
     std::cout << indent << (v.szName[0] ? v.szName : "(default)") << "  " << TypeName(type) << "  "
-              << bytes.size() << " bytes  " << RenderValue(type, bytes) << "\n";
+              << bytes.size() << " bytes  " << RenderValue(type, bytes);
+    if (IsRemanentStoreKey(key)) {
+      std::string stored = RenderStoredArray(type, bytes);
+      std::cout << "  -> " << (stored.empty() ? "no array" : stored);
+    }
+    std::cout << "\n";
   }
   return ERROR_SUCCESS;
 }

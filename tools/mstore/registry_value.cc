@@ -1,5 +1,6 @@
 #include "registry_value.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cinttypes>
@@ -187,6 +188,58 @@ std::string RenderValue(unsigned int type, const std::vector<unsigned char>& byt
     out += buf;
   }
   return out.empty() ? "(empty)" : out;
+}
+
+std::string RenderStoredArray(unsigned int type, const std::vector<unsigned char>& bytes) {
+  auto count = [](std::size_t n) { return std::to_string(n) + (n == 1 ? " element" : " elements"); };
+  switch (type) {
+    case REG_SZ:
+      return "VT_BSTR vector of 1 element";
+    case REG_MULTI_SZ: {
+      // Strings up to the first empty one; nothing comes back without a NUL.
+      std::size_t n = 0, start = 0;
+      bool any = false;
+      for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (bytes[i] != 0) continue;
+        any = true;
+        if (i == start && n > 0) break;
+        ++n;
+        start = i + 1;
+        if (i + 1 < bytes.size() && bytes[i + 1] == 0) break;
+      }
+      return any ? "VT_BSTR vector of " + count(n) : "";
+    }
+    case REG_DWORD:
+      return "VT_UINT vector of " + count(bytes.size() / 4);
+    case REG_QWORD:
+      return "VT_UI8 vector of " + count(bytes.size() / 8);
+    case REG_NONE:
+      return "VT_UNKNOWN vector of 0 elements";
+    case REG_BINARY: {
+      if (bytes.empty()) return "";
+      std::size_t payload = bytes.size() >= 2 ? bytes.size() - 2 : 0;
+      if (bytes[0] == 0xBA) return "VT_UI1 vector of " + count(payload) + " (record 0xBA)";
+      if (bytes[0] == 0x0B) return "VT_I1 vector of " + count(payload) + " (record 0x0B)";
+      if (bytes[0] == 0xBB) {
+        std::size_t rows = 0, width = 1;
+        for (std::size_t i = 0; i + 1 < bytes.size(); i += 2 + bytes[i + 1]) {
+          ++rows;
+          width = std::max<std::size_t>(width, bytes[i + 1]);
+        }
+        if (bytes.size() == 2) rows = 0;
+        return "VT_UI1 array of " + std::to_string(rows) + " rows of " + std::to_string(width + 1) +
+               " bytes (records 0xBB)";
+      }
+      return "";
+    }
+    default:
+      return "";
+  }
+}
+
+bool IsRemanentStoreKey(const KeyName& key) {
+  static const std::string kBase = "Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\";
+  return key.hive == "HKEY_LOCAL_MACHINE" && key.path.compare(0, kBase.size(), kBase) == 0;
 }
 
 }  // namespace mstore

@@ -29,6 +29,13 @@ bool EncodeValue(unsigned int type, const std::vector<std::string>& texts, std::
 // A readable rendering of stored bytes.
 std::string RenderValue(unsigned int type, const std::vector<unsigned char>& bytes);
 
+// How a remanent store's value of this type and these bytes reads back as an
+// array, e.g. "VT_UI1 vector of 3 elements"; empty when no array comes back.
+std::string RenderStoredArray(unsigned int type, const std::vector<unsigned char>& bytes);
+
+// True for keys that hold remanent store values.
+bool IsRemanentStoreKey(const KeyName& key);
+
 }  // namespace mstore
 
 #endif
