@@ -22,7 +22,7 @@ bool StartsWith(const SecureString& s, const SecureString& prefix) {
 
 }  // namespace
 
-CMemoryTree::CMemoryTree(const SecureString& sTreeId) : m_sTreeId(sTreeId) {
+CMemoryTree::CMemoryTree(const SecureString& sTreeId) : m_sTreeId(sTreeId), m_LastFound(m_cFullPathNodeList.end()) {
   xklogLog(MSTORE_MODULE, 0, "CMemoryTree::CMemoryTree sTreeId = %s", m_sTreeId.c_str());
 }
 
@@ -39,9 +39,21 @@ HRESULT CMemoryTree::GetTreeId(SecureString& sTreeId) {
   return S_OK;
 }
 
+// The entry of the key sCompartmentId, or end().
+CMemoryTree::NodeMap::iterator CMemoryTree::Find(const SecureString& sCompartmentId) {
+  if (m_LastFound != m_cFullPathNodeList.end() && m_LastFound->first == sCompartmentId) return m_LastFound;
+  const NodeMap::iterator it = m_cFullPathNodeList.find(sCompartmentId);
+  if (it != m_cFullPathNodeList.end()) m_LastFound = it;
+  return it;
+}
+
 // Creates each missing prefix of the path, shortest first, and answers the
-// node of the last component.
+// node of the last component. A path that is already a key has all its
+// prefixes as keys too, so the walk would create nothing: its node is the
+// answer at once, without cutting the path.
 CNode* CMemoryTree::WalkPath(const SecureString& sCompartmentId) {
+  const NodeMap::iterator found = Find(sCompartmentId);
+  if (found != m_cFullPathNodeList.end()) return found->second;
   const std::vector<SecureString> components = split(sCompartmentId, L'/');
   CNode* pNode = NULL;
   SecureString sPrefix;
@@ -77,7 +89,7 @@ HRESULT CMemoryTree::GetData(const SecureString& sCompartmentId, const SecureStr
   HistoryLock lock(this == gHistoryTree);
   xklogLog(MSTORE_MODULE, 0, "CMemoryTree::GetData");
   HRESULT hr;
-  auto it = m_cFullPathNodeList.find(sCompartmentId);
+  const NodeMap::iterator it = Find(sCompartmentId);
   if (it == m_cFullPathNodeList.end()) {
     xklogLog(MSTORE_MODULE, 0, "CMemoryTree::GetData sCompartmentId not found");
     hr = E_INVALIDARG;
@@ -96,7 +108,7 @@ HRESULT CMemoryTree::RemoveData(const SecureString& sCompartmentId, const Secure
   HistoryLock lock(this == gHistoryTree);
   xklogLog(MSTORE_MODULE, 0, "CMemoryTree::RemoveData");
   HRESULT hr;
-  auto it = m_cFullPathNodeList.find(sCompartmentId);
+  const NodeMap::iterator it = Find(sCompartmentId);
   if (it == m_cFullPathNodeList.end()) {
     xklogLog(MSTORE_MODULE, 0, "CMemoryTree::RemoveData sCompartmentId not found");
     hr = E_INVALIDARG;
@@ -181,6 +193,7 @@ std::vector<SecureString> CMemoryTree::Sessions() {
 HRESULT CMemoryTree::RemoveSubtree(const SecureString& sCompartmentId) {
   HRESULT hr = S_OK;
   const bool bHistory = this == gHistoryTree;
+  m_LastFound = m_cFullPathNodeList.end();
   for (NodeMap::iterator entry : Subtree(sCompartmentId)) {
     const SecureString sKey = entry->first;
     m_cRetiredNodes.push_back(entry->second);
@@ -218,6 +231,7 @@ HRESULT CMemoryTree::FlushTree(unsigned int /*dwClientProcessId*/) {
   xklogLog(MSTORE_MODULE, 8, "CMemoryTree::FlushTree");
   for (auto& entry : m_cFullPathNodeList) m_cRetiredNodes.push_back(entry.second);
   m_cFullPathNodeList.clear();
+  m_LastFound = m_cFullPathNodeList.end();
   xklogLog(MSTORE_MODULE, 16, "CMemoryTree::FlushTree hr = 0x%x", S_OK);
   return S_OK;
 }
@@ -241,7 +255,7 @@ HRESULT CMemoryTree::IsDataCached(const SecureString& sCompartmentId, const Secu
     hr = E_FAIL;
   } else {
     signed char bCached = 0;
-    auto it = m_cFullPathNodeList.find(sCompartmentId);
+    const NodeMap::iterator it = Find(sCompartmentId);
     if (it != m_cFullPathNodeList.end() && it->second != NULL) {
       std::vector<SecureString> dataIds;
       it->second->ListDataItems(dataIds);
@@ -270,11 +284,17 @@ HRESULT CMemoryTree::IsCompartmentCached(const SecureString& sCompartmentId, uns
     xklogLog(MSTORE_MODULE, 1, "CMemoryTree::IsCompartmentCached pulContentVersion == NULL");
     hr = E_FAIL;
   } else {
-    const signed char bCached = m_cFullPathNodeList.count(sCompartmentId) != 0 ? 1 : 0;
-    SecureString sHistoryKey = sCompartmentId;
-    if (this != gHistoryTree) {
+    const signed char bCached = Find(sCompartmentId) != m_cFullPathNodeList.end() ? 1 : 0;
+    SecureString sHistoryKey;
+    if (this == gHistoryTree) {
+      sHistoryKey = sCompartmentId;
+    } else {
+      sHistoryKey.reserve(m_sTreeId.size() + 1 + sCompartmentId.size());
       sHistoryKey = m_sTreeId;
-      if (sCompartmentId != "/") sHistoryKey += kSeparator + sCompartmentId;
+      if (sCompartmentId != "/") {
+        sHistoryKey += kSeparator;
+        sHistoryKey += sCompartmentId;
+      }
     }
     unsigned long ulCompartmentVersion = 0;
     unsigned long ulContentVersion = 0;

@@ -13,7 +13,10 @@
 // (no parent or child pointers). Whenever a path is a key, so is each of its
 // prefixes at "/" boundaries. The tree never normalises a path: "a//b" has the
 // keys "a", "a/" and "a//b". A tree takes no lock of its own, except the tree
-// that is gHistoryTree, whose operations take the history lock.
+// that is gHistoryTree, whose operations take the history lock. Lookups
+// remember the entry they found last, so reading operations change the tree's
+// state too: no two operations may run on one tree at the same time, reads
+// included (each store's mutex and the history lock see to that).
 class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
  public:
   explicit CMemoryTree(const SecureString& sTreeId);
@@ -80,6 +83,7 @@ class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
  private:
   typedef std::map<SecureString, CNode*> NodeMap;
 
+  NodeMap::iterator Find(const SecureString& sCompartmentId);
   CNode* WalkPath(const SecureString& sCompartmentId);
   std::vector<NodeMap::iterator> Subtree(const SecureString& sCompartmentId);
   NodeMap::iterator FirstOfSubtree(const SecureString& sCompartmentId);
@@ -92,6 +96,11 @@ class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
   SecureString m_sTreeId;
   // Nodes unlinked by RemoveCompartment and FlushTree, freed with the tree.
   std::vector<CNode*> m_cRetiredNodes;
+  // The entry Find found last, or end(). A store's SetData looks each path up
+  // twice in a row (its compartment, then each level of the history path for
+  // every counter: once to read, once to write); this answers the second
+  // lookup without a search. Reset whenever entries are unlinked.
+  NodeMap::iterator m_LastFound;
 };
 
 #endif

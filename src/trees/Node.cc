@@ -23,11 +23,24 @@ HRESULT CNode::GetNodeId(SecureString& sNodeId) {
 
 HRESULT CNode::AddDataItem(const SecureString& sDataId, SAFEARRAY* psaDataValue) {
   xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem");
-  HRESULT hr = RemoveDataItem(sDataId);
+  // The old value is destroyed first, exactly as RemoveDataItem would do it,
+  // but its map entry is kept for the copy: one search, and no entry is
+  // freed and made again. A failed copy erases the entry, so the data id is
+  // absent then, as after a removal.
+  const ItemMap::iterator it = m_cDataItemList.lower_bound(sDataId);
+  const bool bPresent = it != m_cDataItemList.end() && it->first == sDataId;
+  HRESULT hr = DestroyItem(bPresent ? it : m_cDataItemList.end());
   xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem RemoveDataItem hr = 0x%x", hr);
   SAFEARRAY* psaCopy = NULL;
   hr = SafeArrayCopy(psaDataValue, &psaCopy);
-  if (SUCCEEDED(hr)) m_cDataItemList[sDataId] = psaCopy;
+  if (SUCCEEDED(hr)) {
+    if (bPresent)
+      it->second = psaCopy;
+    else
+      m_cDataItemList.emplace_hint(it, sDataId, psaCopy);
+  } else if (bPresent) {
+    m_cDataItemList.erase(it);
+  }
   xklogLog(MSTORE_MODULE, 0, "CNode::AddDataItem hr = 0x%x", hr);
   return hr;
 }
@@ -47,15 +60,22 @@ HRESULT CNode::GetDataItem(const SecureString& sDataId, SAFEARRAY*& psaDataValue
 }
 
 HRESULT CNode::RemoveDataItem(const SecureString& sDataId) {
+  const ItemMap::iterator it = m_cDataItemList.find(sDataId);
+  const HRESULT hr = DestroyItem(it);
+  if (it != m_cDataItemList.end()) m_cDataItemList.erase(it);
+  return hr;
+}
+
+// The removal's texts and its destruction; the entry itself is left to the
+// caller, which erases it or reuses it.
+HRESULT CNode::DestroyItem(ItemMap::iterator it) {
   xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem");
   HRESULT hr;
-  auto it = m_cDataItemList.find(sDataId);
   if (it == m_cDataItemList.end()) {
     xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem sDataId not found");
     hr = E_INVALIDARG;
   } else {
     hr = qxSafeArrayDestroy(it->second, 0);
-    m_cDataItemList.erase(it);
   }
   xklogLog(MSTORE_MODULE, 0, "CNode::RemoveDataItem hr = 0x%x", hr);
   return hr;

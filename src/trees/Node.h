@@ -40,7 +40,11 @@ class MERROWSTORE_EXPORT CNode {
   HRESULT ListDataItems(std::vector<SecureString>& dataIds);
 
  private:
-  std::map<SecureString, SAFEARRAY*> m_cDataItemList;
+  typedef std::map<SecureString, SAFEARRAY*> ItemMap;
+
+  HRESULT DestroyItem(ItemMap::iterator it);
+
+  ItemMap m_cDataItemList;
   SecureString m_sNodeId;
 };
 

@@ -1,9 +1,7 @@
 #include "trees/VersionHistory.h"
 
 #include <mutex>
-#include <vector>
 
-#include "common/FctUtils.h"
 #include "common/Module.h"
 #include "xk/log.h"
 
@@ -11,8 +9,18 @@ CAbstractTree* gHistoryTree = NULL;
 
 namespace {
 
-const char kCompartmentVersion[] = "CompartmentVersion";
-const char kContentVersion[] = "ContentVersion";
+// The two data ids, made once, since every version read and update names one
+// of them and "CompartmentVersion" is too long to fit in a string without a
+// heap block. Never destroyed, like the lock below.
+const SecureString& CompartmentVersionId() {
+  static const SecureString* const id = new SecureString("CompartmentVersion");
+  return *id;
+}
+
+const SecureString& ContentVersionId() {
+  static const SecureString* const id = new SecureString("ContentVersion");
+  return *id;
+}
 
 // Never destroyed, so it stays usable while other static objects are torn down.
 std::recursive_mutex& HistoryMutex() {
@@ -32,7 +40,7 @@ HRESULT RaiseVersion(const SecureString& sCompartmentIdGlobal, int nVersionKind)
     xklogLog(MSTORE_MODULE, 1, "UpdateVersion NULL == gHistoryTree");
     return E_FAIL;
   }
-  const SecureString sDataId(nVersionKind != 0 ? kContentVersion : kCompartmentVersion);
+  const SecureString& sDataId = nVersionKind != 0 ? ContentVersionId() : CompartmentVersionId();
 
   // Only an exact success is read; any other answer restarts the counter at 1.
   hr = gHistoryTree->GetData(sCompartmentIdGlobal, sDataId, psaOld, 0);
@@ -71,11 +79,15 @@ cleanup:
 // The steps of UpdateHistoryTree; the caller holds the history lock.
 HRESULT RaiseVersionsAlongPath(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
   HRESULT hr = S_OK;
-  const std::vector<SecureString> components = split(sCompartmentIdGlobal, L'/');
+  // The prefixes of the components that split would give, joined again by
+  // "/", are the text before each "/" and then the whole path; empty
+  // components are kept the same way.
   SecureString sPrefix;
-  for (std::size_t i = 0; i < components.size(); ++i) {
-    if (i > 0) sPrefix += '/';
-    sPrefix += components[i];
+  SecureString::size_type start = 0;
+  for (;;) {
+    const SecureString::size_type end = sCompartmentIdGlobal.find('/', start);
+    const bool bLast = end == SecureString::npos;
+    sPrefix.assign(sCompartmentIdGlobal, 0, end);
     for (int nKind : {0, 1}) {
       if (nVersionKind != -1 && nVersionKind != nKind) continue;
       hr = UpdateVersion(sPrefix, nKind);
@@ -84,8 +96,9 @@ HRESULT RaiseVersionsAlongPath(const SecureString& sCompartmentIdGlobal, int nVe
         return hr;
       }
     }
+    if (bLast) return hr;
+    start = end + 1;
   }
-  return hr;
 }
 
 // Destroys both arrays, first then second; a failed destruction is logged and
@@ -127,7 +140,7 @@ HRESULT ReadVersions(const SecureString& sCompartmentIdGlobal, unsigned long* pu
     return E_FAIL;
   }
   // Only an exact success of the first lookup is read; any other answer is ignored.
-  if (gHistoryTree->GetData(sCompartmentIdGlobal, SecureString(kCompartmentVersion), psaCompartment, 0) == S_OK) {
+  if (gHistoryTree->GetData(sCompartmentIdGlobal, CompartmentVersionId(), psaCompartment, 0) == S_OK) {
     hr = SafeArrayGetElement(psaCompartment, &index, &ulCompartmentVersion);
     if (FAILED(hr)) {
       xklogLog(MSTORE_MODULE, 1, "GetVersion SafeArrayGetElement failed");
@@ -135,7 +148,7 @@ HRESULT ReadVersions(const SecureString& sCompartmentIdGlobal, unsigned long* pu
     }
   }
   // An absent content counter reads as 0; any other failed lookup is the result.
-  hr = gHistoryTree->GetData(sCompartmentIdGlobal, SecureString(kContentVersion), psaContent, 0);
+  hr = gHistoryTree->GetData(sCompartmentIdGlobal, ContentVersionId(), psaContent, 0);
   if (hr == E_INVALIDARG) return S_OK;
   if (hr != S_OK) return hr;
   hr = SafeArrayGetElement(psaContent, &index, &ulContentVersion);
