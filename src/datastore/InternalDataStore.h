@@ -134,6 +134,11 @@ class MERROWSTORE_EXPORT CInternalDataStore {
                      SecureString& sCompartmentId, SecureString* pDataId);
   HRESULT CheckTree(const char* sOperation);
   HRESULT CheckServing(const char* sOperation);
+  // The shared body of CreateCompartment and TouchCompartment: the compartment
+  // is created if absent, and both versions move when it was created or when
+  // bAlwaysUpdateVersions asks for it.
+  HRESULT MakeCompartment(const char* sOperation, unsigned int dwClientProcessId, char* sBSTRCompartmentId,
+                          bool bAlwaysUpdateVersions);
   SecureString HistoryPath(const SecureString& sCompartmentIdGlobal) const;
   // Which key m_Crypto uses: the key file's for every kind but 0.
   bool RemanentSwitch() const { return m_Type != QX::DataStore::TypeMemory; }

@@ -60,40 +60,17 @@ HRESULT CInternalDataStore::RemoveData(unsigned int dwClientProcessId, char* sBS
 }
 
 HRESULT CInternalDataStore::CreateCompartment(unsigned int dwClientProcessId, char* sBSTRCompartmentId) {
-  static const char kOp[] = "CreateCompartment";
-  LogArguments(kOp, dwClientProcessId, sBSTRCompartmentId, NULL, false);
-  HRESULT hr;
-  {
-    CStoreMutexLock lock(&m_Mutex);
-    SecureString sCompartmentId;
-    hr = ConvertIds(kOp, sBSTRCompartmentId, NULL, sCompartmentId, NULL);
-    if (SUCCEEDED(hr)) hr = CheckTree(kOp);
-    if (SUCCEEDED(hr)) hr = CheckServing(kOp);
-    if (SUCCEEDED(hr)) {
-      const SecureString sCompartmentIdGlobal = sCompartmentId;
-      unsigned long ulCompartmentVersion = 0;
-      unsigned long ulContentVersion = 0;
-      signed char bCached = 0;
-      hr = m_Tree->IsCompartmentCached(sCompartmentIdGlobal, &ulCompartmentVersion, &ulContentVersion, &bCached, 0);
-      if (FAILED(hr)) {
-        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::CreateCompartment IsCompartmentCached failed");
-      } else if (bCached == 0) {
-        // An existing compartment is left alone, versions included.
-        hr = m_Tree->CreateCompartment(sCompartmentIdGlobal, dwClientProcessId);
-        if (FAILED(hr)) {
-          xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::CreateCompartment CreateCompartment failed");
-        } else {
-          hr = UpdateHistoryTree(HistoryPath(sCompartmentIdGlobal), -1);
-          if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::CreateCompartment UpdateHistoryTree failed");
-        }
-      }
-    }
-  }
-  return LogExit(kOp, hr);
+  // An existing compartment is left alone, versions included.
+  return MakeCompartment("CreateCompartment", dwClientProcessId, sBSTRCompartmentId, false);
 }
 
 HRESULT CInternalDataStore::TouchCompartment(unsigned int dwClientProcessId, char* sBSTRCompartmentId) {
-  static const char kOp[] = "TouchCompartment";
+  // New or not, both versions move, so that readers who cache by version read again.
+  return MakeCompartment("TouchCompartment", dwClientProcessId, sBSTRCompartmentId, true);
+}
+
+HRESULT CInternalDataStore::MakeCompartment(const char* kOp, unsigned int dwClientProcessId,
+                                            char* sBSTRCompartmentId, bool bAlwaysUpdateVersions) {
   LogArguments(kOp, dwClientProcessId, sBSTRCompartmentId, NULL, false);
   HRESULT hr;
   {
@@ -109,15 +86,18 @@ HRESULT CInternalDataStore::TouchCompartment(unsigned int dwClientProcessId, cha
       signed char bCached = 0;
       hr = m_Tree->IsCompartmentCached(sCompartmentIdGlobal, &ulCompartmentVersion, &ulContentVersion, &bCached, 0);
       if (FAILED(hr)) {
-        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::TouchCompartment IsCompartmentCached failed");
-      } else if (bCached == 0) {
-        hr = m_Tree->CreateCompartment(sCompartmentIdGlobal, dwClientProcessId);
-        if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::TouchCompartment CreateCompartment failed");
-      }
-      // New or not, both versions move, so that readers who cache by version read again.
-      if (SUCCEEDED(hr)) {
-        hr = UpdateHistoryTree(HistoryPath(sCompartmentIdGlobal), -1);
-        if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::TouchCompartment UpdateHistoryTree failed");
+        xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::%s IsCompartmentCached failed", kOp);
+      } else {
+        bool bUpdate = bAlwaysUpdateVersions;
+        if (bCached == 0) {
+          hr = m_Tree->CreateCompartment(sCompartmentIdGlobal, dwClientProcessId);
+          if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::%s CreateCompartment failed", kOp);
+          bUpdate = true;
+        }
+        if (bUpdate && SUCCEEDED(hr)) {
+          hr = UpdateHistoryTree(HistoryPath(sCompartmentIdGlobal), -1);
+          if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::%s UpdateHistoryTree failed", kOp);
+        }
       }
     }
   }
