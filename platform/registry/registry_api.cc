@@ -179,6 +179,26 @@ long xkRegSetDatabasePath(const char* path) {
   });
 }
 
+long xkRegBeginBatch(unsigned int flags) {
+  long fault = InjectedFault("xkRegBeginBatch");
+  if (fault == ERROR_SUCCESS && flags != XK_REG_BATCH_READ && flags != XK_REG_BATCH_WRITE) {
+    fault = ERROR_INVALID_PARAMETER;
+  }
+  return Guarded([&]() -> long {
+    return RegistryService::Instance().BeginBatch(flags == XK_REG_BATCH_WRITE, fault);
+  });
+}
+
+long xkRegCommitBatch(void) {
+  long fault = InjectedFault("xkRegCommitBatch");
+  return Guarded([&]() -> long { return RegistryService::Instance().CommitBatch(fault); });
+}
+
+long xkRegEndBatch(void) {
+  long fault = InjectedFault("xkRegEndBatch");
+  return Guarded([&]() -> long { return RegistryService::Instance().EndBatch(fault); });
+}
+
 long xkRegOpenKeyEx(HKEY hKey, const char* lpSubKey, unsigned int, unsigned int, HKEY* phkResult) {
   if (long fault = InjectedFault("xkRegOpenKeyEx")) return fault;
   return Guarded([&]() -> long {

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "database_location.h"
@@ -74,8 +75,12 @@ constexpr const char* kStatements[] = {
     "DELETE FROM keys WHERE path >= ?1 AND path < ?2",
     // kDeleteValue
     "DELETE FROM vals WHERE key = ?1 AND name = ?2",
+    // kSavepoint, kRelease, kRollbackTo: an operation inside a batch
+    "SAVEPOINT xkop",
+    "RELEASE xkop",
+    "ROLLBACK TO xkop",
 };
-static_assert(std::size(kStatements) == 18, "one text per statement");
+static_assert(std::size(kStatements) == 21, "one text per statement");
 
 struct SchemaState {
   std::int64_t applicationId = 0;
@@ -143,6 +148,8 @@ long RegistryDatabase::Open(const std::string& path) {
 }
 
 void RegistryDatabase::Close() {
+  ForgetReads(true);
+  m_Memo.active = false;
   for (sqlite3_stmt*& stmt : m_Stmts) {
     sqlite3_finalize(stmt);
     stmt = nullptr;
@@ -212,13 +219,26 @@ long RegistryDatabase::PrepareStatements() {
 }
 
 long RegistryDatabase::FindKey(std::string_view path, std::int64_t* id, std::int64_t* parent) {
+  BatchMemo* memo = Memo();
+  if (memo != nullptr && memo->hasKey && memo->keyPath == path) {
+    *id = memo->keyId;
+    if (parent != nullptr) *parent = memo->keyParent;
+    return ERROR_SUCCESS;
+  }
   Statement find(Stmt(kFindKey));
   find.Bind(1, path);
   int rc = find.Step();
   if (rc == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
   if (rc != SQLITE_ROW) return StatusFromSqlite(rc);
   *id = find.Int(0);
-  if (parent != nullptr) *parent = find.IsNull(1) ? 0 : find.Int(1);
+  const std::int64_t parentId = find.IsNull(1) ? 0 : find.Int(1);
+  if (parent != nullptr) *parent = parentId;
+  if (memo != nullptr) {
+    memo->hasKey = true;
+    memo->keyPath.assign(path);
+    memo->keyId = *id;
+    memo->keyParent = parentId;
+  }
   return ERROR_SUCCESS;
 }
 
@@ -227,6 +247,56 @@ long RegistryDatabase::TouchKey(std::int64_t id, std::int64_t now) {
   touch.Bind(1, id);
   touch.Bind(2, now);
   return touch.Run();
+}
+
+Transaction RegistryDatabase::Tx(Sql begin) {
+  if (InTransaction()) return Transaction(m_Db, Stmt(kSavepoint), Stmt(kRelease), Stmt(kRollbackTo), Stmt(kRelease));
+  return Transaction(m_Db, Stmt(begin), Stmt(kCommit), Stmt(kRollback));
+}
+
+bool RegistryDatabase::InTransaction() const { return m_Db != nullptr && !sqlite3_get_autocommit(m_Db); }
+
+long RegistryDatabase::BeginBatch(bool write) {
+  Statement begin(Stmt(write ? kBeginWrite : kBeginRead));
+  long status = begin.Run();
+  m_Memo.active = status == ERROR_SUCCESS;
+  return status;
+}
+
+long RegistryDatabase::CommitBatch() {
+  ForgetReads(true);
+  m_Memo.active = false;
+  // Some failures (I/O, a full disk, no memory) end the transaction at once:
+  // what the batch wrote before is lost.
+  if (!InTransaction()) return ERROR_REGISTRY_IO_FAILED;
+  long status = Statement(Stmt(kCommit)).Run();
+  if (status != ERROR_SUCCESS) RollbackBatch();
+  return status;
+}
+
+void RegistryDatabase::RollbackBatch() {
+  ForgetReads(true);
+  m_Memo.active = false;
+  if (InTransaction()) Statement(Stmt(kRollback)).Run();
+}
+
+RegistryDatabase::BatchMemo* RegistryDatabase::Memo() {
+  // A failed statement may have ended the transaction under the batch.
+  return m_Memo.active && InTransaction() ? &m_Memo : nullptr;
+}
+
+void RegistryDatabase::ForgetReads(bool keys) {
+  if (keys) m_Memo.hasKey = false;
+  m_Memo.hasList = false;
+  m_Memo.list.clear();
+  ForgetValue();
+}
+
+void RegistryDatabase::ForgetValue() {
+  // Values may be secrets: their copies do not outlive the batch.
+  if (!m_Memo.valueBytes.empty()) explicit_bzero(m_Memo.valueBytes.data(), m_Memo.valueBytes.size());
+  m_Memo.hasValue = false;
+  m_Memo.valueBytes.clear();
 }
 
 long RegistryDatabase::KeyExists(std::string_view path) {
@@ -240,7 +310,8 @@ long RegistryDatabase::CreateKey(const std::string& path, std::size_t baseLength
   long status = KeyExists(path);
   if (status != ERROR_FILE_NOT_FOUND) return status;
 
-  Transaction tx(m_Db, Stmt(kBeginWrite), Stmt(kCommit), Stmt(kRollback));
+  MemoPause pause(*this, false);
+  Transaction tx = Tx(kBeginWrite);
   if ((status = tx.Begin()) != ERROR_SUCCESS) return status;
   std::int64_t parent = 0;
   if ((status = FindKey(std::string_view(path).substr(0, baseLength), &parent, nullptr)) != ERROR_SUCCESS) {
@@ -277,6 +348,7 @@ long RegistryDatabase::CreateKey(const std::string& path, std::size_t baseLength
 
 long RegistryDatabase::SetValue(std::string_view path, std::string_view name, unsigned int type,
                                 const unsigned char* data, std::size_t size) {
+  MemoPause pause(*this, false);
   // A single write statement takes the write lock (waiting in the busy
   // handler) before it reads, like BEGIN IMMEDIATE, and is its own transaction.
   Statement set(Stmt(kSetValue));
@@ -292,7 +364,7 @@ long RegistryDatabase::SetValue(std::string_view path, std::string_view name, un
 
 long RegistryDatabase::EnumKey(std::string_view path, unsigned int index, std::string* name,
                                std::int64_t* lastWrite) {
-  Transaction tx(m_Db, Stmt(kBeginRead), Stmt(kCommit), Stmt(kRollback));
+  Transaction tx = Tx(kBeginRead);
   long status = tx.Begin();
   std::int64_t id = 0;
   if (status == ERROR_SUCCESS) status = FindKey(path, &id, nullptr);
@@ -311,6 +383,11 @@ long RegistryDatabase::EnumKey(std::string_view path, unsigned int index, std::s
 }
 
 long RegistryDatabase::ReadValue(std::string_view path, std::string_view name, const ValueSink& sink) {
+  BatchMemo* memo = Memo();
+  if (memo != nullptr && memo->hasValue && memo->valuePath == path && memo->valueName == name) {
+    sink(memo->valueType, memo->valueBytes.data(), memo->valueBytes.size());
+    return ERROR_SUCCESS;
+  }
   Statement read(Stmt(kReadValue));
   read.Bind(1, path);
   read.Bind(2, name);
@@ -320,7 +397,16 @@ long RegistryDatabase::ReadValue(std::string_view path, std::string_view name, c
   if (read.IsNull(0)) return ERROR_FILE_NOT_FOUND;
   std::size_t size = 0;
   const unsigned char* data = read.Blob(1, &size);
-  sink(static_cast<unsigned int>(read.Int(0)), data, size);
+  const unsigned int type = static_cast<unsigned int>(read.Int(0));
+  if (memo != nullptr) {
+    ForgetValue();
+    memo->hasValue = true;
+    memo->valuePath.assign(path);
+    memo->valueName.assign(name);
+    memo->valueType = type;
+    memo->valueBytes.assign(data, data + size);
+  }
+  sink(type, data, size);
   return ERROR_SUCCESS;
 }
 
@@ -338,6 +424,21 @@ long RegistryDatabase::ListKeys(std::string_view path, std::vector<std::string>*
 
 long RegistryDatabase::ListValues(std::string_view path, std::vector<ValueInfo>* values) {
   values->clear();
+  BatchMemo* memo = Memo();
+  if (memo != nullptr && memo->hasList && memo->listPath == path) {
+    *values = memo->list;
+    return ERROR_SUCCESS;
+  }
+  long status = ListValuesOf(path, values);
+  if (status == ERROR_SUCCESS && memo != nullptr) {
+    memo->hasList = true;
+    memo->listPath.assign(path);
+    memo->list = *values;
+  }
+  return status;
+}
+
+long RegistryDatabase::ListValuesOf(std::string_view path, std::vector<ValueInfo>* values) {
   Statement list(Stmt(kListValues));
   list.Bind(1, path);
   int rc = list.Step();
@@ -351,7 +452,8 @@ long RegistryDatabase::ListValues(std::string_view path, std::vector<ValueInfo>*
 }
 
 long RegistryDatabase::DeleteKey(std::string_view path) {
-  Transaction tx(m_Db, Stmt(kBeginWrite), Stmt(kCommit), Stmt(kRollback));
+  MemoPause pause(*this, true);
+  Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;
   std::int64_t parent = 0;
@@ -376,7 +478,8 @@ long RegistryDatabase::DeleteKey(std::string_view path) {
 }
 
 long RegistryDatabase::DeleteTree(std::string_view path) {
-  Transaction tx(m_Db, Stmt(kBeginWrite), Stmt(kCommit), Stmt(kRollback));
+  MemoPause pause(*this, true);
+  Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;
   std::int64_t parent = 0;
@@ -405,7 +508,8 @@ long RegistryDatabase::DeleteTree(std::string_view path) {
 }
 
 long RegistryDatabase::DeleteValue(std::string_view path, std::string_view name) {
-  Transaction tx(m_Db, Stmt(kBeginWrite), Stmt(kCommit), Stmt(kRollback));
+  MemoPause pause(*this, false);
+  Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;
   if (status == ERROR_SUCCESS) status = FindKey(path, &id, nullptr);

@@ -9,8 +9,7 @@
 #include <string_view>
 #include <vector>
 
-struct sqlite3;
-struct sqlite3_stmt;
+#include "sql_statement.h"
 
 namespace xk {
 namespace registry {
@@ -61,7 +60,66 @@ class RegistryDatabase {
   long DeleteTree(std::string_view path);
   long DeleteValue(std::string_view path, std::string_view name);
 
+  // The transaction of a batch: opened by BeginBatch (write: with the write
+  // lock, else deferred to the first read), ended by CommitBatch (which rolls
+  // back when the commit fails, and fails when a failed statement has ended
+  // the transaction already) or RollbackBatch. While it is open every
+  // operation above runs inside it, each of its own transactions becoming a
+  // savepoint.
+  long BeginBatch(bool write);
+  long CommitBatch();
+  void RollbackBatch();
+  // Whether a transaction is open on the connection.
+  bool InTransaction() const;
+
  private:
+  // What a batch's transaction has read, kept until the batch writes or ends:
+  // nothing changes the file under an open transaction but the transaction
+  // itself, so reading the same key, listing or value again in the batch
+  // (as two-pass listings and size-then-bytes reads do) is answered from
+  // here. Key ids are forgotten only when keys are deleted, listings and
+  // values at every write.
+  struct BatchMemo {
+    bool active = false;
+    bool hasKey = false;
+    std::string keyPath;
+    std::int64_t keyId = 0;
+    std::int64_t keyParent = 0;
+    bool hasList = false;
+    std::string listPath;
+    std::vector<ValueInfo> list;
+    bool hasValue = false;
+    std::string valuePath;
+    std::string valueName;
+    unsigned int valueType = 0;
+    std::vector<unsigned char> valueBytes;
+  };
+  // ListValues without the memo.
+  long ListValuesOf(std::string_view path, std::vector<ValueInfo>* values);
+  // For the life of a write operation: the memo is emptied (key ids too with
+  // `keys`) and neither used nor filled.
+  class MemoPause {
+   public:
+    MemoPause(RegistryDatabase& db, bool keys) : m_Db(db), m_Active(db.m_Memo.active) {
+      db.ForgetReads(keys);
+      db.m_Memo.active = false;
+    }
+    ~MemoPause() { m_Db.m_Memo.active = m_Active; }
+    MemoPause(const MemoPause&) = delete;
+    MemoPause& operator=(const MemoPause&) = delete;
+
+   private:
+    RegistryDatabase& m_Db;
+    bool m_Active;
+  };
+  // The memo while a batch's transaction is open, else nullptr.
+  BatchMemo* Memo();
+  // Forgets the listing and the value (the value's bytes are wiped); with
+  // `keys`, the key id too.
+  void ForgetReads(bool keys);
+  // Forgets the value, wiping its bytes.
+  void ForgetValue();
+
   enum Sql : int {
     kBeginRead,
     kBeginWrite,
@@ -81,6 +139,9 @@ class RegistryDatabase {
     kDeleteTreeValues,
     kDeleteTreeKeys,
     kDeleteValue,
+    kSavepoint,
+    kRelease,
+    kRollbackTo,
     kSqlCount,
   };
 
@@ -94,9 +155,13 @@ class RegistryDatabase {
   // ERROR_FILE_NOT_FOUND.
   long FindKey(std::string_view path, std::int64_t* id, std::int64_t* parent);
   long TouchKey(std::int64_t id, std::int64_t now);
+  // A transaction that `begin` (kBeginRead or kBeginWrite) opens, or a
+  // savepoint when a batch's transaction is open already.
+  Transaction Tx(Sql begin);
 
   sqlite3* m_Db = nullptr;
   std::array<sqlite3_stmt*, kSqlCount> m_Stmts{};
+  BatchMemo m_Memo;
 };
 
 // Now, in 100 ns units since 1601-01-01 UTC.

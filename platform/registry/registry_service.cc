@@ -14,6 +14,10 @@ namespace {
 
 std::atomic<RegistryService*> gService{nullptr};
 
+// How deep the calling thread is in batches; only the thread holding the
+// service's mutex for a batch has a depth above 0.
+thread_local unsigned int tBatchDepth = 0;
+
 }  // namespace
 
 RegistryService& RegistryService::Instance() {
@@ -32,7 +36,7 @@ void RegistryService::BeforeFork() {
   RegistryService* service = gService.load();
   if (service == nullptr) return;
   service->m_Mutex.lock();
-  service->m_Database.Close();
+  service->CloseDatabase();
 }
 
 void RegistryService::AfterFork() {
@@ -63,14 +67,61 @@ const std::string& RegistryService::PathLocked() {
 }
 
 const char* RegistryService::DatabasePath() {
-  std::lock_guard<std::mutex> lock(m_Mutex);
+  std::lock_guard<ReentrantMutex> lock(m_Mutex);
   return PathLocked().c_str();
 }
 
 void RegistryService::SetDatabasePath(const char* path) {
-  std::lock_guard<std::mutex> lock(m_Mutex);
-  m_Database.Close();
+  std::lock_guard<ReentrantMutex> lock(m_Mutex);
+  CloseDatabase();
   m_Path = path == nullptr ? nullptr : Intern(path);
+}
+
+void RegistryService::CloseDatabase() {
+  if (m_BatchOpen) {
+    m_BatchOpen = false;
+    m_BatchLost = true;
+  }
+  m_Database.Close();
+}
+
+long RegistryService::BeginBatch(bool write, long fault) {
+  m_Mutex.lock();
+  if (++tBatchDepth > 1) return fault;
+  m_BatchLost = false;
+  if (fault != ERROR_SUCCESS) return fault;
+  Session session(*this);
+  RegistryDatabase* db = nullptr;
+  long status = session.Database(&db);
+  if (status == ERROR_SUCCESS) status = db->BeginBatch(write);
+  m_BatchOpen = status == ERROR_SUCCESS;
+  return status;
+}
+
+long RegistryService::FinishBatch(long fault) {
+  if (m_BatchLost) {
+    m_BatchLost = false;
+    return ERROR_REGISTRY_IO_FAILED;
+  }
+  if (!m_BatchOpen) return fault;
+  m_BatchOpen = false;
+  if (fault == ERROR_SUCCESS) return m_Database.CommitBatch();
+  m_Database.RollbackBatch();
+  return fault;
+}
+
+long RegistryService::CommitBatch(long fault) {
+  if (tBatchDepth == 0) return ERROR_INVALID_PARAMETER;
+  // The thread holds the mutex already.
+  return FinishBatch(fault);
+}
+
+long RegistryService::EndBatch(long fault) {
+  if (tBatchDepth == 0) return ERROR_INVALID_PARAMETER;
+  // Gives back the hold BeginBatch took, whatever happens below.
+  std::unique_lock<ReentrantMutex> hold(m_Mutex, std::adopt_lock);
+  if (--tBatchDepth > 0) return fault;
+  return FinishBatch(fault);
 }
 
 }  // namespace registry

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "handle_table.h"
+#include "reentrant_mutex.h"
 #include "registry_database.h"
 
 namespace xk {
@@ -13,7 +14,10 @@ namespace registry {
 
 // The registry of this process: the chosen database file, its one connection
 // (opened on first use) and the open handles, all behind one mutex, so that
-// calls from many threads are serialised.
+// calls from many threads are serialised. A thread in a batch holds the mutex
+// from the batch's beginning to its end (the mutex is recursive, so that the
+// thread's calls in between take it again), and the connection's transaction
+// is the batch's.
 //
 // Across fork() the connection is closed first (an SQLite connection must
 // never be used on both sides of a fork); both processes reopen the file at
@@ -38,10 +42,17 @@ class RegistryService {
   // Runs `work(Session&)` under the lock and returns its status.
   template <class Work>
   long Run(Work&& work) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<ReentrantMutex> lock(m_Mutex);
     Session session(*this);
     return work(session);
   }
+
+  // The batch calls of the calling thread (xk/registry.h). `fault` is the
+  // status of an armed fault point (ERROR_SUCCESS when none): BeginBatch then
+  // enters without a transaction, CommitBatch and EndBatch roll back.
+  long BeginBatch(bool write, long fault);
+  long CommitBatch(long fault);
+  long EndBatch(long fault);
 
   // The chosen file; the text stays valid for the life of the process.
   const char* DatabasePath();
@@ -54,12 +65,19 @@ class RegistryService {
   static void BeforeFork();
   static void AfterFork();
 
+  // Closes the connection; the transaction of an open batch is lost.
+  void CloseDatabase();
+  // Ends the batch's transaction: commits it, or rolls it back on a fault.
+  long FinishBatch(long fault);
+
   // Interns `path` so that its text is never freed.
   const std::string* Intern(const std::string& path);
   const std::string& PathLocked();
 
-  std::mutex m_Mutex;
+  ReentrantMutex m_Mutex;
   RegistryDatabase m_Database;     // guarded by m_Mutex
+  bool m_BatchOpen = false;        // guarded by m_Mutex; the batch's transaction is open
+  bool m_BatchLost = false;        // guarded by m_Mutex; ... was lost by a close
   HandleTable m_Handles;           // guarded by m_Mutex
   const std::string* m_Path = nullptr;  // guarded by m_Mutex; nullptr: default not read yet
   std::deque<std::string> m_Paths;      // guarded by m_Mutex; every path ever chosen

@@ -73,6 +73,10 @@ Transaction::~Transaction() {
   if (m_Open && !sqlite3_get_autocommit(m_Db)) {
     sqlite3_step(m_Rollback);
     sqlite3_reset(m_Rollback);
+    if (m_Release != nullptr && !sqlite3_get_autocommit(m_Db)) {
+      sqlite3_step(m_Release);
+      sqlite3_reset(m_Release);
+    }
   }
 }
 

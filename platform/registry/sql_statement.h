@@ -46,12 +46,16 @@ class Statement {
   int m_BindError = SQLITE_OK;
 };
 
-// One transaction over cached BEGIN / COMMIT / ROLLBACK statements. Rolls back
-// in the destructor unless Commit succeeded.
+// One transaction over cached statements, or, inside a transaction that is
+// already open (a batch), one savepoint: Begin runs `begin`, Commit `commit`,
+// and a transaction left without a commit is undone by `rollback`, then by
+// `release` when that is given (a savepoint stays on the stack after
+// ROLLBACK TO). Rolls back in the destructor unless Commit succeeded.
 class Transaction {
  public:
-  Transaction(sqlite3* db, sqlite3_stmt* begin, sqlite3_stmt* commit, sqlite3_stmt* rollback)
-      : m_Db(db), m_Begin(begin), m_Commit(commit), m_Rollback(rollback) {}
+  Transaction(sqlite3* db, sqlite3_stmt* begin, sqlite3_stmt* commit, sqlite3_stmt* rollback,
+              sqlite3_stmt* release = nullptr)
+      : m_Db(db), m_Begin(begin), m_Commit(commit), m_Rollback(rollback), m_Release(release) {}
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
@@ -64,6 +68,7 @@ class Transaction {
   sqlite3_stmt* m_Begin;
   sqlite3_stmt* m_Commit;
   sqlite3_stmt* m_Rollback;
+  sqlite3_stmt* m_Release;
   bool m_Open = false;
 };
 

@@ -69,4 +69,47 @@ TEST(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
   std::filesystem::remove_all(dir);
 }
 
+TEST(RegistryConcurrencyTest, ABatchHasTheRegistryToItselfUntilItEnds) {
+  char pattern[] = "/tmp/xkreg-batches-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  std::string dir = pattern;
+  ASSERT_EQ(xkRegSetDatabasePath((dir + "/registry.db").c_str()), ERROR_SUCCESS);
+  HKEY key = nullptr;
+  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "C", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
+  unsigned int zero = 0;
+  ASSERT_EQ(xkRegSetValueEx(key, "n", 0, REG_DWORD, reinterpret_cast<const unsigned char*>(&zero), sizeof zero),
+            ERROR_SUCCESS);
+
+  // Read, add one, write back, each time in a batch: an increment is lost as
+  // soon as another thread's call gets in between, or lands in another
+  // thread's transaction that is then rolled back.
+  constexpr int kThreads = 3;
+  constexpr int kRounds = 100;
+  std::vector<int> failures(kThreads, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kRounds; ++i) {
+        xk::registry::Batch batch(t == 0 ? XK_REG_BATCH_READ : XK_REG_BATCH_WRITE);
+        unsigned int n = 0;
+        if (qxRegReadDWORDValueEx(kHklm, "C", "n", &n, 0) != ERROR_SUCCESS) ++failures[t];
+        ++n;
+        if (xkRegSetValueEx(key, "n", 0, REG_DWORD, reinterpret_cast<const unsigned char*>(&n), sizeof n) !=
+                ERROR_SUCCESS ||
+            batch.Commit() != ERROR_SUCCESS) {
+          ++failures[t];
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, std::vector<int>(kThreads, 0));
+  unsigned int n = 0;
+  ASSERT_EQ(qxRegReadDWORDValueEx(kHklm, "C", "n", &n, 0), ERROR_SUCCESS);
+  EXPECT_EQ(n, static_cast<unsigned int>(kThreads * kRounds));
+  EXPECT_EQ(xkRegCloseKey(key), ERROR_SUCCESS);
+  xkRegSetDatabasePath(nullptr);
+  std::filesystem::remove_all(dir);
+}
+
 }  // namespace

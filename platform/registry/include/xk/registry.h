@@ -147,6 +147,67 @@ XK_EXPORT int qxRegDeleteSubKey(const char* hive, const char* path, unsigned int
 // Deletes one value; ERROR_FILE_NOT_FOUND if the key or value is absent.
 XK_EXPORT int qxRegDeleteValue(const char* hive, const char* path, const char* valueName, unsigned int flags);
 
+// --- Batches ----------------------------------------------------------------
+//
+// A batch makes the calls one thread makes between xkRegBeginBatch and
+// xkRegEndBatch a single SQLite transaction: its reads see one state of the
+// file, its writes are committed together, and the file locking of a
+// transaction is paid once instead of once per call. While a thread is in a
+// batch it has the registry of its process to itself: the calls of other
+// threads wait until the batch ends. Batches nest; only the outermost one
+// opens and ends a transaction. Every call keeps its own status and fault
+// point inside a batch.
+//
+// flags of xkRegBeginBatch: XK_REG_BATCH_READ for a batch that only reads
+// (its transaction starts with its first read), XK_REG_BATCH_WRITE for one
+// that may write (the write lock is taken at once, waiting up to the busy
+// timeout). A write in a read batch fails with ERROR_REGISTRY_IO_FAILED if
+// another process has written since the batch's first read.
+#define XK_REG_BATCH_READ 0u
+#define XK_REG_BATCH_WRITE 1u
+
+// Enters a batch. The thread is in the batch whatever the status: on
+// ERROR_SUCCESS its calls share one transaction; on a failure (the file could
+// not be opened or locked, ERROR_INVALID_PARAMETER for unknown flags) each
+// call runs as its own transaction, as outside a batch. Each xkRegBeginBatch
+// is matched by one xkRegEndBatch on the same thread.
+XK_EXPORT long xkRegBeginBatch(unsigned int flags);
+// Commits what the thread's batch has done so far; the batch's later calls
+// each run as their own transaction. ERROR_SUCCESS when there is nothing to
+// commit; on a failure the batch's uncommitted writes are rolled back and lost.
+// Also a failure when the batch's transaction was lost before (the database
+// file was switched or closed for a fork while the batch was open).
+// ERROR_INVALID_PARAMETER if the thread is in no batch.
+XK_EXPORT long xkRegCommitBatch(void);
+// Leaves the thread's batch; leaving the outermost one commits as
+// xkRegCommitBatch does, and the thread is out of the batch whatever the
+// status. ERROR_INVALID_PARAMETER if the thread is in no batch.
+XK_EXPORT long xkRegEndBatch(void);
+
 }  // extern "C"
+
+namespace xk {
+namespace registry {
+
+// A batch for the life of a scope: entered by the constructor, left by the
+// destructor (whose commit status is lost: call Commit to see it).
+class Batch {
+ public:
+  explicit Batch(unsigned int flags) : m_BeginStatus(xkRegBeginBatch(flags)) {}
+  ~Batch() { xkRegEndBatch(); }
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
+
+  // xkRegBeginBatch's status.
+  long BeginStatus() const { return m_BeginStatus; }
+  // xkRegCommitBatch.
+  long Commit() { return xkRegCommitBatch(); }
+
+ private:
+  long m_BeginStatus;
+};
+
+}  // namespace registry
+}  // namespace xk
 
 #endif
