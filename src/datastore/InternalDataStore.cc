@@ -1,5 +1,7 @@
 #include "datastore/InternalDataStore.h"
 
+#include <optional>
+
 #include "common/FctUtils.h"
 #include "common/Module.h"
 #include "datastore/StoreMutexLock.h"
@@ -7,6 +9,7 @@
 #include "trees/RegistryTree.h"
 #include "trees/VersionHistory.h"
 #include "xk/log.h"
+#include "xk/registry.h"
 
 CInternalDataStore::CInternalDataStore()
     : m_Tree(NULL),
@@ -152,11 +155,16 @@ HRESULT CInternalDataStore::SetData(unsigned int dwClientProcessId, char* sBSTRC
       unsigned long ulCompartmentVersion = 0;
       unsigned long ulContentVersion = 0;
       signed char bCached = 0;
+      // A remanent store's look at the compartment and its write are one
+      // registry transaction, which the registry tree commits with the write.
+      std::optional<xk::registry::Batch> batch;
+      if (m_Type == QX::DataStore::TypeRemanent) batch.emplace(XK_REG_BATCH_WRITE);
       hr = m_Tree->IsCompartmentCached(sCompartmentIdGlobal, &ulCompartmentVersion, &ulContentVersion, &bCached, 0);
       if (FAILED(hr)) {
         xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData IsCompartmentCached failed");
       } else {
         hr = m_Tree->SetData(sCompartmentIdGlobal, sDataId, psaToStore, dwClientProcessId, m_bEncrypted);
+        batch.reset();
         if (FAILED(hr)) {
           xklogLog(MSTORE_MODULE, 1, "CInternalDataStore::SetData SetData failed");
         } else {

@@ -249,13 +249,18 @@ HRESULT CRegistryTree::ListCompartmentIds(const SecureString& sCompartmentId, SA
   }
   if (SUCCEEDED(hr) && pSubKey != NULL) {
     unsigned int nSubKeyCount1 = 0;
-    int rc = qxRegListKeys(m_pRootKey, pSubKey.get(), NULL, &nSubKeyCount1);
     std::unique_ptr<qxRegKey_[]> records;
     unsigned int nSubKeyCount2 = 0;
-    if (rc == 0) {
-      records.reset(new qxRegKey_[nSubKeyCount1]);
-      nSubKeyCount2 = nSubKeyCount1;
-      rc = qxRegListKeys(m_pRootKey, pSubKey.get(), records.get(), &nSubKeyCount2);
+    int rc = 0;
+    {
+      // Both passes see one state of the registry.
+      xk::registry::Batch batch(XK_REG_BATCH_READ);
+      rc = qxRegListKeys(m_pRootKey, pSubKey.get(), NULL, &nSubKeyCount1);
+      if (rc == 0) {
+        records.reset(new qxRegKey_[nSubKeyCount1]);
+        nSubKeyCount2 = nSubKeyCount1;
+        rc = qxRegListKeys(m_pRootKey, pSubKey.get(), records.get(), &nSubKeyCount2);
+      }
     }
     if (rc != 0) {
       xklogLog(MSTORE_MODULE, 1, "CRegistryTree::ListCompartmentIds qxRegListKeys failed rc = %x",

@@ -23,8 +23,10 @@ struct ValueListing {
   unsigned int nValueCount2 = 0;
 };
 
-// The first failing pass's code, else the second pass's (0).
+// The first failing pass's code, else the second pass's (0). Both passes see
+// the same state of the registry.
 int ListValueNames(const char* pRootKey, const char* pSubKey, ValueListing& listing) {
+  xk::registry::Batch batch(XK_REG_BATCH_READ);
   int rc = qxRegListValueNamesEx(pRootKey, pSubKey, NULL, &listing.nValueCount1, kAllTypes, 0);
   if (rc != 0) return rc;
   listing.records.reset(new qxRegValue_[listing.nValueCount1]);
@@ -37,7 +39,9 @@ int ListValueNames(const char* pRootKey, const char* pSubKey, ValueListing& list
   return rc;
 }
 
-HRESULT WriteTypedValue(HKEY hKey, const char* pDataName, SAFEARRAY* psaDataValue) {
+// Writes the value and commits the write batch the key was opened in: a
+// failed commit is a failed write.
+HRESULT WriteTypedValue(HKEY hKey, const char* pDataName, SAFEARRAY* psaDataValue, xk::registry::Batch& batch) {
   VARTYPE vt = VT_EMPTY;
   if (FAILED(SafeArrayGetVartype(psaDataValue, &vt))) {
     xklogLog(MSTORE_MODULE, 1, "CRegistryTree::SetData SafeArrayGetVartype failed");
@@ -52,8 +56,9 @@ HRESULT WriteTypedValue(HKEY hKey, const char* pDataName, SAFEARRAY* psaDataValu
   bool bWrite = false;
   HRESULT hr = EncodeRegistryValue(psaDataValue, vt, dwRegistryType, value, bWrite);
   if (!bWrite) return hr;
-  const long lRet = xkRegSetValueEx(hKey, pDataName, 0, value.dwType, value.bNullData ? NULL : value.data.data(),
-                                    static_cast<unsigned int>(value.data.size()));
+  long lRet = xkRegSetValueEx(hKey, pDataName, 0, value.dwType, value.bNullData ? NULL : value.data.data(),
+                              static_cast<unsigned int>(value.data.size()));
+  if (lRet == 0) lRet = batch.Commit();
   if (lRet != 0) {
     xklogLog(MSTORE_MODULE, 1, "CRegistryTree::SetData RegSetValueEx failed");
     hr = E_FAIL;
@@ -62,7 +67,7 @@ HRESULT WriteTypedValue(HKEY hKey, const char* pDataName, SAFEARRAY* psaDataValu
 }
 
 HRESULT WriteNamedValue(HKEY hKey, const SecureString& sDataId, SAFEARRAY* psaDataValue,
-                        unsigned int nMaxValueNameLength) {
+                        unsigned int nMaxValueNameLength, xk::registry::Batch& batch) {
   BSTR pDataName = NULL;
   HRESULT hr = wstring2BSTR(sDataId, pDataName);
   if (FAILED(hr)) {
@@ -75,7 +80,7 @@ HRESULT WriteNamedValue(HKEY hKey, const SecureString& sDataId, SAFEARRAY* psaDa
              static_cast<int>(nLength), static_cast<int>(nMaxValueNameLength));
     hr = E_INVALIDARG;
   } else {
-    hr = WriteTypedValue(hKey, pDataName, psaDataValue);
+    hr = WriteTypedValue(hKey, pDataName, psaDataValue, batch);
   }
   qxSysFreeString(pDataName, 0);
   return hr;
@@ -114,6 +119,9 @@ HRESULT CRegistryTree::SetData(const SecureString& sCompartmentId, const SecureS
   ScopedBstr pSubKey;
   HRESULT hr = BeginOperation("SetData", "pSubKey", sCompartmentId, pSubKey);
   if (SUCCEEDED(hr) && pSubKey != NULL) {
+    // The key's opening and the value's write are one registry transaction,
+    // committed with the write.
+    xk::registry::Batch batch(XK_REG_BATCH_WRITE);
     HKEY hKey = NULL;
     unsigned int dwDisposition = 0;
     long lRet = xkRegCreateKeyEx(m_pRootKey, pSubKey.get(), 0, NULL, 0, 3, NULL, &hKey, &dwDisposition);
@@ -121,7 +129,7 @@ HRESULT CRegistryTree::SetData(const SecureString& sCompartmentId, const SecureS
       xklogLog(MSTORE_MODULE, 1, "CRegistryTree::SetData RegCreateKeyEx failed lRet = %ld", lRet);
       hr = E_FAIL;
     } else {
-      hr = WriteNamedValue(hKey, sDataId, psaDataValue, kMaxValueNameLength);
+      hr = WriteNamedValue(hKey, sDataId, psaDataValue, kMaxValueNameLength, batch);
     }
     // Also after a failed create, on the handle that was never set.
     lRet = xkRegCloseKey(hKey);
@@ -141,6 +149,8 @@ HRESULT CRegistryTree::GetData(const SecureString& sCompartmentId, const SecureS
   ScopedBstr pSubKey;
   HRESULT hr = BeginOperation("GetData", "lpSubKey", sCompartmentId, pSubKey);
   if (SUCCEEDED(hr) && pSubKey != NULL) {
+    // The listings and the reads see one state of the registry.
+    xk::registry::Batch batch(XK_REG_BATCH_READ);
     ValueListing listing;
     const int rc = ListValueNames(m_pRootKey, pSubKey.get(), listing);
     if (listing.nValueCount2 > listing.nValueCount1) {

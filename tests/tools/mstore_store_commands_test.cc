@@ -174,6 +174,20 @@ TEST(MstoreShell, OneProcessKeepsTheMemoryStoreAcrossCommands) {
             "  log [2] CStaticDataCacheClient::GetData GetData : data not found\n");
 }
 
+TEST(MstoreShell, ARemanentStoreKeepsItsValuesAcrossInvocations) {
+  xk::test::Sandbox sandbox;
+  ASSERT_EQ(RunMstore(sandbox, "catalogue add Keep --type remanent").status, 0);
+  Result set = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, "set Keep user/alice name text Alice\n") + "'");
+  EXPECT_EQ(set.out, "S_OK\n");
+  Result get = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, "get Keep user/alice name\n") + "'");
+  EXPECT_EQ(get.out, "S_OK: text \"Alice\"\n");
+  Result shown = RunMstore(
+      sandbox, "registry show 'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\Keep\\user\\alice'");
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_TRUE(Has(shown.out, "name")) << shown.out;
+  EXPECT_TRUE(Has(shown.out, "-> VT_BSTR")) << shown.out;
+}
+
 TEST(MstoreShell, LinesThatCannotRunAreReportedAndTheRestRuns) {
   xk::test::Sandbox sandbox;
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Demo").status, 0);

@@ -332,6 +332,12 @@ TEST_F(RegistryValues, FailingRegistryCalls) {
   EXPECT_EQ(Set(Bstrs({"x"}), "w"), E_FAIL);
   EXPECT_TRUE(log.Contains(1, "CRegistryTree::SetData RegSetValueEx failed"));
   EXPECT_EQ(Ids("w"), Strings());
+  // A write whose commit fails is a failed write, and the key made for it goes too.
+  faults.FailWithCode("xkRegCommitBatch", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(Set(Bstrs({"x"}), "w2"), E_FAIL);
+  EXPECT_EQ(log.Count("CRegistryTree::SetData RegSetValueEx failed"), 2u);
+  EXPECT_EQ(ReadRaw("w2", "v").first, 99u);
+  EXPECT_EQ(m_Tree.ListDataIds(S("w2"), &psa, 0), E_FAIL);
   faults.FailWithCode("xkRegCloseKey", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(Set(Bstrs({"x"}), "w"), E_FAIL);
   EXPECT_EQ(ReadRaw("w", "v").second, Bytes({'x'}));
