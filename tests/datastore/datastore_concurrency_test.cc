@@ -1,5 +1,6 @@
-// Two stores written from two threads at once share the version history, while
-// two more threads report and query sessions of one of them.
+// Three stores written from three threads at once share the version history
+// (the third store keeps its values in the registry), while two more threads
+// report and query sessions of one of them.
 
 #include <latch>
 #include <thread>
@@ -8,11 +9,13 @@
 
 using namespace dstest;
 
-TEST(DataStoreConcurrency, TwoStoresWrittenAtOnceKeepExactCounters) {
+TEST(DataStoreConcurrency, StoresWrittenAtOnceKeepExactCounters) {
   const unsigned long kRounds = 200;
-  const std::string ids[2] = {StoreId("-A"), StoreId("-B")};
-  for (const std::string& id : ids) ASSERT_EQ(Register(id, 1), S_OK);
-  std::latch start(4);
+  const std::string ids[3] = {StoreId("-A"), StoreId("-B"), StoreId("-R")};
+  ASSERT_EQ(Register(ids[0], 1), S_OK);
+  ASSERT_EQ(Register(ids[1], 1), S_OK);
+  ASSERT_EQ(Register(ids[2], 1, "Keldara", QX::DataStore::TypeRemanent), S_OK);
+  std::latch start(5);
   auto writer = [&](const std::string& id) {
     CStaticDataCacheClient client;
     start.arrive_and_wait();
@@ -35,8 +38,8 @@ TEST(DataStoreConcurrency, TwoStoresWrittenAtOnceKeepExactCounters) {
       Store(ids[0])->GetAvailabilityStoreFromSessionId(first + i % 3, b);
     }
   };
-  std::thread threads[] = {std::thread(writer, ids[0]), std::thread(writer, ids[1]), std::thread(sessions, 0),
-                           std::thread(sessions, 1)};
+  std::thread threads[] = {std::thread(writer, ids[0]), std::thread(writer, ids[1]), std::thread(writer, ids[2]),
+                           std::thread(sessions, 0), std::thread(sessions, 1)};
   for (std::thread& t : threads) t.join();
 
   // Every write and every removal moved the content counters once; each of the
