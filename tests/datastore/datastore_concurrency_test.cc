@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "datastore_test_support.h"
+#include "xk/registry.h"
 
 using namespace dstest;
 
@@ -14,6 +15,9 @@ TEST(DataStoreConcurrency, StoresWrittenAtOnceKeepExactCounters) {
   const std::string ids[3] = {StoreId("-A"), StoreId("-B"), StoreId("-R")};
   ASSERT_EQ(Register(ids[0], 1), S_OK);
   ASSERT_EQ(Register(ids[1], 1), S_OK);
+  // The remanent store starts empty, whatever an earlier run left in the registry.
+  const std::string remanentKey = "Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\" + ids[2];
+  qxRegDeleteSubKey("HKEY_LOCAL_MACHINE", remanentKey.c_str(), 0, 0);
   ASSERT_EQ(Register(ids[2], 1, "Keldara", QX::DataStore::TypeRemanent), S_OK);
   std::latch start(5);
   auto writer = [&](const std::string& id) {
