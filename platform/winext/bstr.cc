@@ -26,7 +26,7 @@ BSTR NewBstr(const char* src, unsigned int len) noexcept {
   }
   bstr[len] = '\0';
   if (!BstrRegistry::Instance().Add(bstr)) {
-    Release(block);
+    Release(block, kBstrPrefixBytes + static_cast<std::size_t>(len) + 1);
     return nullptr;
   }
   return bstr;
@@ -40,7 +40,7 @@ unsigned int BstrByteLength(const char* bstr) noexcept {
 
 void FreeBstr(BSTR bstr) noexcept {
   if (bstr == nullptr || !BstrRegistry::Instance().Remove(bstr)) return;
-  Release(BlockFromBstr(bstr));
+  Release(BlockFromBstr(bstr), kBstrPrefixBytes + StoredLength(bstr) + 1);
 }
 
 }  // namespace winext

@@ -11,24 +11,7 @@ namespace {
 constexpr std::size_t kInitialCapacity = 16;
 }  // namespace
 
-PointerTable::~PointerTable() { Release(m_Slots); }
-
-std::size_t PointerTable::Home(std::uintptr_t key) const noexcept {
-  // Fibonacci hashing: the top bits of the product are well mixed even though
-  // heap pointers share their low bits.
-  return static_cast<std::size_t>((static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ull) >> m_Shift);
-}
-
-std::size_t PointerTable::Probe(std::uintptr_t key) const noexcept {
-  const std::size_t mask = m_Capacity - 1;
-  std::size_t i = Home(key);
-  while (m_Slots[i] != 0 && m_Slots[i] != key) i = (i + 1) & mask;
-  return i;
-}
-
-bool PointerTable::Contains(std::uintptr_t key) const noexcept {
-  return m_Count != 0 && m_Slots[Probe(key)] == key;
-}
+PointerTable::~PointerTable() { Release(m_Slots, m_Capacity * sizeof(std::uintptr_t)); }
 
 bool PointerTable::Grow() noexcept {
   const std::size_t capacity = m_Capacity == 0 ? kInitialCapacity : m_Capacity * 2;
@@ -43,7 +26,7 @@ bool PointerTable::Grow() noexcept {
   for (std::size_t i = 0; i < oldCapacity; ++i) {
     if (old[i] != 0) m_Slots[Probe(old[i])] = old[i];
   }
-  Release(old);
+  Release(old, oldCapacity * sizeof(std::uintptr_t));
   return true;
 }
 

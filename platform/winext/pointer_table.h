@@ -21,15 +21,24 @@ class PointerTable {
   // Adds `key` (non-zero, not yet present). False when the table had to grow
   // and no memory was left; the set is then unchanged.
   bool Insert(std::uintptr_t key) noexcept;
-  bool Contains(std::uintptr_t key) const noexcept;
+  bool Contains(std::uintptr_t key) const noexcept { return m_Count != 0 && m_Slots[Probe(key)] == key; }
   // Removes `key`; false when it was not present.
   bool Erase(std::uintptr_t key) noexcept;
   std::size_t Size() const noexcept { return m_Count; }
 
  private:
-  std::size_t Home(std::uintptr_t key) const noexcept;
+  std::size_t Home(std::uintptr_t key) const noexcept {
+    // Fibonacci hashing: the top bits of the product are well mixed even though
+    // heap pointers share their low bits.
+    return static_cast<std::size_t>((static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ull) >> m_Shift);
+  }
   // Slot holding `key`, or the empty slot where its probe ends.
-  std::size_t Probe(std::uintptr_t key) const noexcept;
+  std::size_t Probe(std::uintptr_t key) const noexcept {
+    const std::size_t mask = m_Capacity - 1;
+    std::size_t i = Home(key);
+    while (m_Slots[i] != 0 && m_Slots[i] != key) i = (i + 1) & mask;
+    return i;
+  }
   bool Grow() noexcept;
 
   std::uintptr_t* m_Slots = nullptr;  // 0 marks an empty slot

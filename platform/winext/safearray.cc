@@ -16,44 +16,86 @@ namespace {
 
 constexpr unsigned int kMaxDims = 0xFFFF;  // cDims is an unsigned short
 
-// A descriptor of `cDims` dimensions of `vt`, in one block with room for its
-// bounds (left for the caller to fill), unlocked and without data.
-SAFEARRAY* NewDescriptor(VARTYPE vt, unsigned int cDims) noexcept {
-  void* block = Allocate(sizeof(SAFEARRAY) + cDims * sizeof(SAFEARRAYBOUND));
+// Copies `bytes` bytes between cells or data blocks. The sizes of one
+// element (and so of the library's one-element counters) are copied without a
+// call to memcpy.
+inline void CopyBytes(void* to, const void* from, std::size_t bytes) noexcept {
+  switch (bytes) {
+    case 1:
+      std::memcpy(to, from, 1);
+      break;
+    case 2:
+      std::memcpy(to, from, 2);
+      break;
+    case 4:
+      std::memcpy(to, from, 4);
+      break;
+    case 8:
+      std::memcpy(to, from, 8);
+      break;
+    case 16:
+      std::memcpy(to, from, 16);
+      break;
+    default:
+      std::memcpy(to, from, bytes);
+      break;
+  }
+}
+
+// Zeroes `bytes` bytes, the sizes of one element without a call to memset.
+inline void ZeroBytes(void* to, std::size_t bytes) noexcept {
+  switch (bytes) {
+    case 1:
+      std::memset(to, 0, 1);
+      break;
+    case 2:
+      std::memset(to, 0, 2);
+      break;
+    case 4:
+      std::memset(to, 0, 4);
+      break;
+    case 8:
+      std::memset(to, 0, 8);
+      break;
+    case 16:
+      std::memset(to, 0, 16);
+      break;
+    default:
+      std::memset(to, 0, bytes);
+      break;
+  }
+}
+
+// A new array of `cDims` dimensions of `vt` in one block: the descriptor, room
+// for its bounds (left for the caller to fill, in stored order) and data of
+// `dataBytes` bytes, left uninitialised. Unlocked.
+inline SAFEARRAY* NewArray(VARTYPE vt, unsigned int cDims, std::size_t dataBytes) noexcept {
+  const std::size_t offset = DataOffset(cDims);
+  std::size_t total;
+  if (__builtin_add_overflow(offset, dataBytes, &total)) return nullptr;
+  void* block = Allocate(total);
   if (block == nullptr) return nullptr;
   auto* psa = static_cast<SAFEARRAY*>(block);
   psa->cDims = static_cast<unsigned short>(cDims);
   psa->fFeatures = FeaturesOf(vt);
   psa->cbElements = ElementSize(vt);
   psa->cLocks = 0;
-  psa->pvData = nullptr;
+  psa->pvData = static_cast<char*>(block) + offset;
   psa->rgsabound = reinterpret_cast<SAFEARRAYBOUND*>(static_cast<char*>(block) + sizeof(SAFEARRAY));
   psa->vt = vt;
   return psa;
 }
 
-// Gives a descriptor with filled bounds its zeroed data. False when the size
-// does not fit in memory; the descriptor is then left without data.
-bool AttachData(SAFEARRAY* psa) noexcept {
-  std::size_t bytes;
-  if (!DataBytes(psa, &bytes)) return false;
-  void* data = Allocate(bytes);
-  if (data == nullptr) return false;
-  std::memset(data, 0, bytes);
-  psa->pvData = data;
-  return true;
-}
-
 BSTR* BstrCells(const SAFEARRAY* psa) noexcept { return static_cast<BSTR*>(psa->pvData); }
 
-// Releases the array whatever its lock count: element BSTRs, data, descriptor.
+// Releases the array whatever its lock count: element BSTRs, then the one
+// block of descriptor and data.
 void FreeArray(SAFEARRAY* psa) noexcept {
-  if (psa->pvData != nullptr && psa->vt == VT_BSTR) {
+  if (psa->vt == VT_BSTR) {
     const std::size_t count = ElementCount(psa);
     for (std::size_t i = 0; i < count; ++i) FreeBstr(BstrCells(psa)[i]);
   }
-  Release(psa->pvData);
-  Release(psa);
+  Release(psa, BlockBytes(psa));
 }
 
 // A copy of a BSTR element that keeps its embedded NULs; null stays null.
@@ -63,14 +105,15 @@ bool CopyBstr(const char* from, BSTR* to) noexcept {
   return from == nullptr || *to != nullptr;
 }
 
-// Fills the zeroed data of `dst` (same shape as `src`) with a deep copy of
-// the elements of `src`. False when memory ran out part way; the copies made
-// so far are in `dst` and go with it.
-bool CopyElements(const SAFEARRAY* src, SAFEARRAY* dst) noexcept {
+// Fills the uninitialised data of `dst` (same shape as `src`) with a deep
+// copy of the elements of `src`. False when memory ran out part way; the
+// copies made so far are in `dst` (the cells after them NULL) and go with it.
+bool CopyElements(const SAFEARRAY* src, SAFEARRAY* dst, std::size_t dataBytes) noexcept {
   if (src->vt != VT_BSTR) {
-    std::memcpy(dst->pvData, src->pvData, ElementCount(src) * src->cbElements);
+    CopyBytes(dst->pvData, src->pvData, dataBytes);
     return true;
   }
+  std::memset(dst->pvData, 0, dataBytes);
   const std::size_t count = ElementCount(src);
   for (std::size_t i = 0; i < count; ++i) {
     if (!CopyBstr(BstrCells(src)[i], &BstrCells(dst)[i])) return false;
@@ -79,14 +122,14 @@ bool CopyElements(const SAFEARRAY* src, SAFEARRAY* dst) noexcept {
 }
 
 SAFEARRAY* CreateArray(VARTYPE vt, unsigned int cDims, const SAFEARRAYBOUND* given) noexcept {
-  if (ElementSize(vt) == 0 || cDims == 0 || cDims > kMaxDims || given == nullptr) return nullptr;
-  SAFEARRAY* psa = NewDescriptor(vt, cDims);
+  const unsigned int cbElements = ElementSize(vt);
+  if (cbElements == 0 || cDims == 0 || cDims > kMaxDims || given == nullptr) return nullptr;
+  std::size_t dataBytes;
+  if (!DataBytes(cbElements, given, cDims, &dataBytes)) return nullptr;
+  SAFEARRAY* psa = NewArray(vt, cDims, dataBytes);
   if (psa == nullptr) return nullptr;
   for (unsigned int k = 0; k < cDims; ++k) psa->rgsabound[cDims - 1 - k] = given[k];
-  if (!AttachData(psa)) {
-    Release(psa);
-    return nullptr;
-  }
+  ZeroBytes(psa->pvData, dataBytes);
   return psa;
 }
 
@@ -100,15 +143,16 @@ HRESULT DestroyArray(SAFEARRAY* psa) noexcept {
 HRESULT CopyArray(SAFEARRAY* psa, SAFEARRAY** ppsaOut) noexcept {
   if (psa == nullptr) return E_INVALIDARG;
   if (ElementSize(psa->vt) == 0) return DISP_E_BADVARTYPE;  // only a hand-made descriptor
-  SAFEARRAY* copy = NewDescriptor(psa->vt, psa->cDims);
+  std::size_t dataBytes;
+  if (!DataBytes(psa->cbElements, psa->rgsabound, psa->cDims, &dataBytes)) return E_OUTOFMEMORY;
+  SAFEARRAY* copy = NewArray(psa->vt, psa->cDims, dataBytes);
   if (copy == nullptr) return E_OUTOFMEMORY;
-  std::memcpy(copy->rgsabound, psa->rgsabound, psa->cDims * sizeof(SAFEARRAYBOUND));
+  if (psa->cDims == 1)
+    copy->rgsabound[0] = psa->rgsabound[0];
+  else
+    std::memcpy(copy->rgsabound, psa->rgsabound, psa->cDims * sizeof(SAFEARRAYBOUND));
   copy->fFeatures = psa->fFeatures;
-  if (!AttachData(copy)) {
-    Release(copy);
-    return E_OUTOFMEMORY;
-  }
-  if (!CopyElements(psa, copy)) {
+  if (!CopyElements(psa, copy, dataBytes)) {
     FreeArray(copy);
     return E_OUTOFMEMORY;
   }
@@ -117,7 +161,8 @@ HRESULT CopyArray(SAFEARRAY* psa, SAFEARRAY** ppsaOut) noexcept {
 }
 
 // The element cell that `rgIndices` names.
-HRESULT LocateElement(SAFEARRAY* psa, const int* rgIndices, char** cell) noexcept {
+inline __attribute__((always_inline)) HRESULT LocateElement(SAFEARRAY* psa, const int* rgIndices,
+                                                            char** cell) noexcept {
   if (psa == nullptr || rgIndices == nullptr) return E_INVALIDARG;
   std::size_t offset;
   const HRESULT hr = ElementOffset(psa, rgIndices, &offset);
@@ -131,12 +176,13 @@ HRESULT GetElement(SAFEARRAY* psa, const int* rgIndices, void* pv) noexcept {
   char* cell;
   const HRESULT hr = LocateElement(psa, rgIndices, &cell);
   if (FAILED(hr)) return hr;
-  ScopedArrayLock lock(psa);
-  if (FAILED(lock.Status())) return lock.Status();
   if (psa->vt != VT_BSTR) {
-    std::memcpy(pv, cell, psa->cbElements);
+    if (LockCountFull(psa)) return E_UNEXPECTED;
+    CopyBytes(pv, cell, psa->cbElements);
     return S_OK;
   }
+  ScopedArrayLock lock(psa);
+  if (FAILED(lock.Status())) return lock.Status();
   BSTR copy;
   if (!CopyBstr(*reinterpret_cast<BSTR*>(cell), &copy)) return E_OUTOFMEMORY;
   *static_cast<BSTR*>(pv) = copy;
@@ -149,12 +195,13 @@ HRESULT PutElement(SAFEARRAY* psa, const int* rgIndices, void* pv) noexcept {
   if (FAILED(hr)) return hr;
   // A null BSTR is a value (the empty string); any other null is refused.
   if (pv == nullptr && psa->vt != VT_BSTR) return E_INVALIDARG;
-  ScopedArrayLock lock(psa);
-  if (FAILED(lock.Status())) return lock.Status();
   if (psa->vt != VT_BSTR) {
-    std::memcpy(cell, pv, psa->cbElements);
+    if (LockCountFull(psa)) return E_UNEXPECTED;
+    CopyBytes(cell, pv, psa->cbElements);
     return S_OK;
   }
+  ScopedArrayLock lock(psa);
+  if (FAILED(lock.Status())) return lock.Status();
   BSTR copy;
   if (!CopyBstr(static_cast<const char*>(pv), &copy)) return E_OUTOFMEMORY;
   BSTR* slot = reinterpret_cast<BSTR*>(cell);

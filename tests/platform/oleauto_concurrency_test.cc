@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,6 +52,47 @@ TEST(OleautoConcurrency, StringsAndOneArrayLockCountFromManyThreads) {
   EXPECT_EQ(errors, std::vector<int>(kThreads, 0));
   EXPECT_EQ(shared->cLocks, 0u);
   EXPECT_EQ(SafeArrayDestroy(shared), S_OK);
+}
+
+// Released blocks are kept for reuse by the releasing thread, and a thread's
+// blocks are freed when it ends: threads make and release arrays of every
+// kept size, release arrays another thread made, and end while the arrays of
+// the main thread stay whole.
+TEST(OleautoConcurrency, ArraysMadeAndReleasedOnManyThreads) {
+  auto make = [](int n) {
+    SAFEARRAY* psa = SafeArrayCreateVector(VT_UI1, 0, static_cast<unsigned long>(n));
+    if (psa != nullptr) std::memset(psa->pvData, n, static_cast<std::size_t>(n));
+    return psa;
+  };
+  auto intact = [](SAFEARRAY* psa) {
+    const std::size_t n = psa->rgsabound[0].cElements;
+    return std::string(static_cast<char*>(psa->pvData), n) == std::string(n, static_cast<char>(n));
+  };
+  std::vector<SAFEARRAY*> mine;
+  for (int n = 0; n < 100; ++n) mine.push_back(make(n));
+  std::vector<std::vector<SAFEARRAY*>> handed(kThreads);
+  for (int t = 0; t < kThreads; ++t)
+    for (int n = 0; n < 100; ++n) handed[t].push_back(make(n));
+  std::vector<int> errors(kThreads, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (SAFEARRAY* psa : handed[t]) errors[t] += !intact(psa) || SafeArrayDestroy(psa) != S_OK;
+      for (int i = 0; i < 5000; ++i) {
+        SAFEARRAY* a = make(i % 100);
+        SAFEARRAY* b = make((i * 7) % 100);
+        errors[t] += a == nullptr || b == nullptr || !intact(a) || !intact(b);
+        SafeArrayDestroy(b);
+        SafeArrayDestroy(a);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(errors, std::vector<int>(kThreads, 0));
+  for (SAFEARRAY* psa : mine) {
+    EXPECT_TRUE(intact(psa));
+    EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
+  }
 }
 
 }  // namespace

@@ -214,7 +214,56 @@ TEST(SafeArray, LockCountingGuardsDestroyOnly) {
   EXPECT_HR(S_OK, SafeArrayUnaccessData(psa));
   EXPECT_HR(S_OK, SafeArrayUnlock(psa));
   EXPECT_HR(E_UNEXPECTED, SafeArrayUnlock(psa));
+  // With the count at its maximum, element access can't lock: refused, the
+  // count kept, for BSTR elements and the others alike.
+  SAFEARRAY* numbers = SafeArrayCreateVector(VT_I4, 0, 1);
+  ASSERT_NE(numbers, nullptr);
+  for (SAFEARRAY* full : {psa, numbers}) {
+    full->cLocks = 0xFFFFFFFFu;
+    int value = 5;
+    void* in = full->vt == VT_BSTR ? static_cast<void*>(const_cast<char*>("x")) : &value;
+    EXPECT_HR(E_UNEXPECTED, SafeArrayPutElement(full, at, in));
+    EXPECT_HR(E_UNEXPECTED, SafeArrayGetElement(full, at, &got));
+    EXPECT_HR(E_UNEXPECTED, SafeArrayLock(full));
+    EXPECT_EQ(full->cLocks, 0xFFFFFFFFu);
+    full->cLocks = 0;
+  }
+  EXPECT_HR(S_OK, SafeArrayDestroy(numbers));
   EXPECT_HR(S_OK, SafeArrayDestroy(psa));
+}
+
+// Arrays and strings of every size the service keeps for reuse after their
+// release, and some larger, made and released in turn: a block handed out
+// twice, or kept for a size it is too small for, shows as a changed value.
+TEST(SafeArray, ReleasedBlocksAreReusedSafely) {
+  std::vector<std::pair<SAFEARRAY*, BSTR>> live;
+  auto make = [](int n) {
+    SAFEARRAY* psa = SafeArrayCreateVector(VT_UI1, 0, static_cast<unsigned long>(n));
+    if (psa != nullptr) std::memset(psa->pvData, n, static_cast<std::size_t>(n));
+    return std::make_pair(psa, SysAllocStringByteLen(std::string(static_cast<std::size_t>(n), char('a' + n % 26)).data(), n));
+  };
+  auto intact = [](const std::pair<SAFEARRAY*, BSTR>& each) {
+    const int n = static_cast<int>(each.first->rgsabound[0].cElements);
+    return std::string(static_cast<char*>(each.first->pvData), static_cast<std::size_t>(n)) == std::string(n, char(n)) &&
+           Bytes(each.second) == std::string(static_cast<std::size_t>(n), char('a' + n % 26));
+  };
+  for (int round = 0; round < 3; ++round) {
+    for (int n = 0; n <= 160; ++n) live.push_back(make(n));
+    for (std::size_t i = round; i < live.size(); i += 2) {
+      SafeArrayDestroy(live[i].first);
+      SysFreeString(live[i].second);
+      live[i] = make(static_cast<int>((i * 7) % 161));
+    }
+    for (const auto& each : live) ASSERT_TRUE(intact(each)) << "round " << round;
+  }
+  for (const auto& each : live) {
+    SAFEARRAY* copy = nullptr;
+    ASSERT_EQ(SafeArrayCopy(each.first, &copy), S_OK);
+    EXPECT_TRUE(intact({copy, each.second}));
+    SafeArrayDestroy(copy);
+    SafeArrayDestroy(each.first);
+    SysFreeString(each.second);
+  }
 }
 
 TEST(SafeArray, ZeroElementArraysAreUsable) {

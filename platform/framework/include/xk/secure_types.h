@@ -26,7 +26,7 @@ class secallocator : public std::allocator<T> {
   template <typename U>
   secallocator(const secallocator<U>&) noexcept {}
   secallocator& operator=(const secallocator&) noexcept = default;
-  virtual ~secallocator() {}
+  ~secallocator() = default;
 
   T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T))); }
   void deallocate(T* p, std::size_t) noexcept { ::operator delete(p); }
