@@ -18,7 +18,7 @@ HRESULT ConvertBSTR(char* sBSTRCompartmentId, SecureString& sCompartmentId) {
     xklogLog(MSTORE_MODULE, 1, "BSTR2wstring sBSTRCompartmentId length = 0");
     return E_INVALIDARG;
   }
-  sCompartmentId = SecureString(sBSTRCompartmentId);
+  sCompartmentId.assign(sBSTRCompartmentId);
   xklogLog(MSTORE_MODULE, 0, "BSTR2wstring sCompartmentId = %s", sCompartmentId.c_str());
   return S_OK;
 }

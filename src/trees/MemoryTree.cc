@@ -1,5 +1,8 @@
 #include "trees/MemoryTree.h"
 
+#include <cstdint>
+#include <cstring>
+
 #include "common/FctUtils.h"
 #include "common/Module.h"
 #include "trees/VersionHistory.h"
@@ -22,7 +25,8 @@ bool StartsWith(const SecureString& s, const SecureString& prefix) {
 
 }  // namespace
 
-CMemoryTree::CMemoryTree(const SecureString& sTreeId) : m_sTreeId(sTreeId), m_LastFound(m_cFullPathNodeList.end()) {
+CMemoryTree::CMemoryTree(const SecureString& sTreeId) : m_sTreeId(sTreeId) {
+  ForgetRecent();
   xklogLog(MSTORE_MODULE, 0, "CMemoryTree::CMemoryTree sTreeId = %s", m_sTreeId.c_str());
 }
 
@@ -39,12 +43,111 @@ HRESULT CMemoryTree::GetTreeId(SecureString& sTreeId) {
   return S_OK;
 }
 
-// The entry of the key sCompartmentId, or end().
+// Eight bytes at a time, each word folded in with a multiplication, the last
+// word overlapping the one before it, then the high bits mixed down into the
+// low ones that choose the slot. Paths are short, so this costs a handful of
+// instructions where a general-purpose string hash costs several times as
+// many.
+std::size_t CMemoryTree::PathIndex::Hash(const SecureString& sKey) {
+  const std::uint64_t kMultiplier = 0x9E3779B97F4A7C15ull;
+  const char* p = sKey.data();
+  const std::size_t n = sKey.size();
+  std::uint64_t hash = (n + 1) * kMultiplier;
+  std::uint64_t word = 0;
+  if (n >= 8) {
+    for (std::size_t i = 0; i + 8 < n; i += 8) {
+      std::memcpy(&word, p + i, 8);
+      hash = (hash ^ word) * kMultiplier;
+    }
+    std::memcpy(&word, p + n - 8, 8);
+  } else {
+    for (std::size_t i = 0; i < n; ++i) word |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+  }
+  hash = (hash ^ word) * kMultiplier;
+  hash ^= hash >> 32;
+  hash *= kMultiplier;
+  hash ^= hash >> 29;
+  return hash == 0 ? 1 : static_cast<std::size_t>(hash);
+}
+
+CMemoryTree::NodeMap::iterator CMemoryTree::PathIndex::Find(const SecureString& sKey, NodeMap::iterator end) const {
+  if (m_Count == 0) return end;
+  const std::size_t hash = Hash(sKey);
+  const std::size_t mask = m_Slots.size() - 1;
+  for (std::size_t i = hash & mask; m_Slots[i].hash != 0; i = (i + 1) & mask) {
+    if (m_Slots[i].hash == hash && SameText(m_Slots[i].entry->first, sKey)) return m_Slots[i].entry;
+  }
+  return end;
+}
+
+void CMemoryTree::PathIndex::MakeRoom() {
+  // At most three quarters full, so that probes stay short.
+  if ((m_Count + 1) * 4 <= m_Slots.size() * 3) return;
+  std::vector<Slot> old(std::move(m_Slots));
+  m_Slots.assign(old.empty() ? 16 : old.size() * 2, Slot{0, NodeMap::iterator()});
+  const std::size_t mask = m_Slots.size() - 1;
+  for (const Slot& slot : old) {
+    if (slot.hash == 0) continue;
+    std::size_t i = slot.hash & mask;
+    while (m_Slots[i].hash != 0) i = (i + 1) & mask;
+    m_Slots[i] = slot;
+  }
+}
+
+void CMemoryTree::PathIndex::Insert(NodeMap::iterator entry) {
+  const std::size_t hash = Hash(entry->first);
+  const std::size_t mask = m_Slots.size() - 1;
+  std::size_t i = hash & mask;
+  while (m_Slots[i].hash != 0) i = (i + 1) & mask;
+  m_Slots[i] = Slot{hash, entry};
+  ++m_Count;
+}
+
+void CMemoryTree::PathIndex::Erase(NodeMap::iterator entry) {
+  const std::size_t mask = m_Slots.size() - 1;
+  std::size_t hole = Hash(entry->first) & mask;
+  while (m_Slots[hole].entry != entry) hole = (hole + 1) & mask;
+  // Backward shift: pull each later member of the probe run into the hole,
+  // unless its home slot lies cyclically after the hole (it would become
+  // unreachable).
+  for (std::size_t j = (hole + 1) & mask; m_Slots[j].hash != 0; j = (j + 1) & mask) {
+    const std::size_t home = m_Slots[j].hash & mask;
+    const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+    if (stays) continue;
+    m_Slots[hole] = m_Slots[j];
+    hole = j;
+  }
+  m_Slots[hole].hash = 0;
+  --m_Count;
+}
+
+void CMemoryTree::PathIndex::Clear() {
+  std::vector<Slot>().swap(m_Slots);
+  m_Count = 0;
+}
+
+// The entry of the key sCompartmentId, or end(); remembered for the next call.
 CMemoryTree::NodeMap::iterator CMemoryTree::Find(const SecureString& sCompartmentId) {
-  if (m_LastFound != m_cFullPathNodeList.end() && m_LastFound->first == sCompartmentId) return m_LastFound;
-  const NodeMap::iterator it = m_cFullPathNodeList.find(sCompartmentId);
-  if (it != m_cFullPathNodeList.end()) m_LastFound = it;
+  NodeMap::iterator& recent = m_Recent[sCompartmentId.size() % kRecent];
+  if (recent != m_cFullPathNodeList.end() && SameText(recent->first, sCompartmentId)) return recent;
+  const NodeMap::iterator it = Lookup(sCompartmentId);
+  if (it != m_cFullPathNodeList.end()) recent = it;
   return it;
+}
+
+void CMemoryTree::ForgetRecent() {
+  for (NodeMap::iterator& recent : m_Recent) recent = m_cFullPathNodeList.end();
+}
+
+// The entry of the key sCompartmentId, or end().
+CMemoryTree::NodeMap::iterator CMemoryTree::Lookup(const SecureString& sCompartmentId) {
+  return m_Index.Find(sCompartmentId, m_cFullPathNodeList.end());
+}
+
+// Takes an entry out of the map and the index; the node is the caller's.
+void CMemoryTree::Unlink(NodeMap::iterator entry) {
+  m_Index.Erase(entry);
+  m_cFullPathNodeList.erase(entry);
 }
 
 // Creates each missing prefix of the path, shortest first, and answers the
@@ -60,8 +163,12 @@ CNode* CMemoryTree::WalkPath(const SecureString& sCompartmentId) {
   for (std::size_t i = 0; i < components.size(); ++i) {
     if (i > 0) sPrefix += kSeparator;
     sPrefix += components[i];
-    auto it = m_cFullPathNodeList.find(sPrefix);
-    if (it == m_cFullPathNodeList.end()) it = m_cFullPathNodeList.emplace(sPrefix, new CNode(components[i])).first;
+    auto it = Lookup(sPrefix);
+    if (it == m_cFullPathNodeList.end()) {
+      m_Index.MakeRoom();
+      it = m_cFullPathNodeList.emplace(sPrefix, new CNode(components[i])).first;
+      m_Index.Insert(it);
+    }
     pNode = it->second;
   }
   return pNode;
@@ -134,7 +241,7 @@ HRESULT CMemoryTree::CreateCompartment(const SecureString& sCompartmentId, unsig
 // every key that continues it with "/"), in map order.
 std::vector<CMemoryTree::NodeMap::iterator> CMemoryTree::Subtree(const SecureString& sCompartmentId) {
   std::vector<NodeMap::iterator> entries;
-  auto self = m_cFullPathNodeList.find(sCompartmentId);
+  auto self = Lookup(sCompartmentId);
   if (self != m_cFullPathNodeList.end()) entries.push_back(self);
   const SecureString sPrefix = sCompartmentId + kSeparator;
   for (auto it = m_cFullPathNodeList.lower_bound(sPrefix); it != m_cFullPathNodeList.end() && StartsWith(it->first, sPrefix);
@@ -145,7 +252,7 @@ std::vector<CMemoryTree::NodeMap::iterator> CMemoryTree::Subtree(const SecureStr
 
 // The first key, in map order, that passes the subtree test; end() if none.
 CMemoryTree::NodeMap::iterator CMemoryTree::FirstOfSubtree(const SecureString& sCompartmentId) {
-  auto self = m_cFullPathNodeList.find(sCompartmentId);
+  auto self = Lookup(sCompartmentId);
   if (self != m_cFullPathNodeList.end()) return self;
   const SecureString sPrefix = sCompartmentId + kSeparator;
   auto it = m_cFullPathNodeList.lower_bound(sPrefix);
@@ -193,11 +300,11 @@ std::vector<SecureString> CMemoryTree::Sessions() {
 HRESULT CMemoryTree::RemoveSubtree(const SecureString& sCompartmentId) {
   HRESULT hr = S_OK;
   const bool bHistory = this == gHistoryTree;
-  m_LastFound = m_cFullPathNodeList.end();
+  ForgetRecent();
   for (NodeMap::iterator entry : Subtree(sCompartmentId)) {
     const SecureString sKey = entry->first;
     m_cRetiredNodes.push_back(entry->second);
-    m_cFullPathNodeList.erase(entry);
+    Unlink(entry);
     // The history tree keeps no versions of itself; the compartment named by the
     // call is left to the store.
     if (bHistory || sKey == sCompartmentId) continue;
@@ -231,7 +338,8 @@ HRESULT CMemoryTree::FlushTree(unsigned int /*dwClientProcessId*/) {
   xklogLog(MSTORE_MODULE, 8, "CMemoryTree::FlushTree");
   for (auto& entry : m_cFullPathNodeList) m_cRetiredNodes.push_back(entry.second);
   m_cFullPathNodeList.clear();
-  m_LastFound = m_cFullPathNodeList.end();
+  m_Index.Clear();
+  ForgetRecent();
   xklogLog(MSTORE_MODULE, 16, "CMemoryTree::FlushTree hr = 0x%x", S_OK);
   return S_OK;
 }
@@ -260,7 +368,7 @@ HRESULT CMemoryTree::IsDataCached(const SecureString& sCompartmentId, const Secu
       std::vector<SecureString> dataIds;
       it->second->ListDataItems(dataIds);
       for (const SecureString& sId : dataIds)
-        if (sId == sDataId) bCached = 1;
+        if (SameText(sId, sDataId)) bCached = 1;
     }
     *pbCached = bCached;
   }

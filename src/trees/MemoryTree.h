@@ -1,6 +1,7 @@
 #ifndef MERROWSTORE_TREES_MEMORYTREE_H
 #define MERROWSTORE_TREES_MEMORYTREE_H
 
+#include <cstddef>
 #include <map>
 #include <vector>
 
@@ -14,7 +15,7 @@
 // prefixes at "/" boundaries. The tree never normalises a path: "a//b" has the
 // keys "a", "a/" and "a//b". A tree takes no lock of its own, except the tree
 // that is gHistoryTree, whose operations take the history lock. Lookups
-// remember the entry they found last, so reading operations change the tree's
+// remember the entries they found last, so reading operations change the tree's
 // state too: no two operations may run on one tree at the same time, reads
 // included (each store's mutex and the history lock see to that).
 class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
@@ -83,7 +84,40 @@ class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
  private:
   typedef std::map<SecureString, CNode*> NodeMap;
 
+  // An exact-match hash index of the entries of the node map, kept beside it
+  // so that looking a full path up costs one hash and, as a rule, one string
+  // comparison, whatever the size of the tree and however long the prefixes
+  // the paths share. The map keeps the byte order for listings and range
+  // walks; the index never decides an order. Open addressing with linear
+  // probing and backward-shift deletion; each slot holds the key's hash (0
+  // marks an empty slot) and the map entry, so about 30 bytes a key.
+  class PathIndex {
+   public:
+    // The entry of sKey, or end.
+    NodeMap::iterator Find(const SecureString& sKey, NodeMap::iterator end) const;
+    // Makes room for one more entry, so that the next Insert can't fail.
+    void MakeRoom();
+    // Adds an entry whose key is not in the index yet, after MakeRoom.
+    void Insert(NodeMap::iterator entry);
+    // Removes an entry that is in the index.
+    void Erase(NodeMap::iterator entry);
+    void Clear();
+
+   private:
+    struct Slot {
+      std::size_t hash;
+      NodeMap::iterator entry;
+    };
+    static std::size_t Hash(const SecureString& sKey);
+
+    std::vector<Slot> m_Slots;  // empty, or a power of two
+    std::size_t m_Count = 0;
+  };
+
   NodeMap::iterator Find(const SecureString& sCompartmentId);
+  NodeMap::iterator Lookup(const SecureString& sCompartmentId);
+  void Unlink(NodeMap::iterator entry);
+  void ForgetRecent();
   CNode* WalkPath(const SecureString& sCompartmentId);
   std::vector<NodeMap::iterator> Subtree(const SecureString& sCompartmentId);
   NodeMap::iterator FirstOfSubtree(const SecureString& sCompartmentId);
@@ -93,14 +127,19 @@ class MERROWSTORE_EXPORT CMemoryTree : public CAbstractTree {
   HRESULT PutIdentifiers(SAFEARRAY* psa, const std::vector<SecureString>& ids, const char* sOperation);
 
   NodeMap m_cFullPathNodeList;
+  PathIndex m_Index;
   SecureString m_sTreeId;
   // Nodes unlinked by RemoveCompartment and FlushTree, freed with the tree.
   std::vector<CNode*> m_cRetiredNodes;
-  // The entry Find found last, or end(). A store's SetData looks each path up
-  // twice in a row (its compartment, then each level of the history path for
-  // every counter: once to read, once to write); this answers the second
-  // lookup without a search. Reset whenever entries are unlinked.
-  NodeMap::iterator m_LastFound;
+  // The entries Find found last, one for each key length modulo kRecent, or
+  // end(). A store's SetData looks each path up twice in a row (its
+  // compartment, then each level of the history path for every counter: once
+  // to read, once to write), and it reads the compartment's counters before
+  // it walks the history path from the top down. The levels of one path have
+  // different lengths, so each keeps its own place here and is found again
+  // without a search. Reset whenever entries are unlinked.
+  static const std::size_t kRecent = 8;
+  NodeMap::iterator m_Recent[kRecent];
 };
 
 #endif

@@ -12,7 +12,9 @@
 // One compartment of a memory tree: its data items by data id, and the last
 // component of its path. The node owns every array in its map and destroys them
 // when it is destroyed; nothing ever hands a stored array out, callers only get
-// deep copies. Takes no lock.
+// deep copies. Takes no lock. Lookups remember the item they found last, so
+// reading changes the node's state too: like its tree, a node is used by one
+// thread at a time, reads included.
 class MERROWSTORE_EXPORT CNode {
  public:
   // Copies the node id; the item map starts empty.
@@ -42,10 +44,16 @@ class MERROWSTORE_EXPORT CNode {
  private:
   typedef std::map<SecureString, SAFEARRAY*> ItemMap;
 
+  ItemMap::iterator FindItem(const SecureString& sDataId);
+  void EraseItem(ItemMap::iterator it);
   HRESULT DestroyItem(ItemMap::iterator it);
 
   ItemMap m_cDataItemList;
   SecureString m_sNodeId;
+  // The entry FindItem found last, or end(). A value is read and then written
+  // again by the same data id (a version counter: read, raised, stored), so
+  // the second lookup costs one comparison. Reset when that entry is erased.
+  ItemMap::iterator m_LastItem;
 };
 
 #endif

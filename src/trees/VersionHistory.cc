@@ -1,11 +1,17 @@
 #include "trees/VersionHistory.h"
 
-#include <mutex>
+#include <type_traits>
 
 #include "common/Module.h"
 #include "xk/log.h"
 
 CAbstractTree* gHistoryTree = NULL;
+
+// Made while the library loads, before any constructor runs, and never torn
+// down (a pthread mutex needs no destruction), so it stays usable while other
+// static objects are destroyed.
+constinit HistoryMutex gHistoryMutex;
+static_assert(std::is_trivially_destructible_v<HistoryMutex>, "the history lock must outlive every static object");
 
 namespace {
 
@@ -20,12 +26,6 @@ const SecureString& CompartmentVersionId() {
 const SecureString& ContentVersionId() {
   static const SecureString* const id = new SecureString("ContentVersion");
   return *id;
-}
-
-// Never destroyed, so it stays usable while other static objects are torn down.
-std::recursive_mutex& HistoryMutex() {
-  static std::recursive_mutex* mutex = new std::recursive_mutex;
-  return *mutex;
 }
 
 // The steps of UpdateVersion; the caller holds the history lock.
@@ -76,21 +76,32 @@ cleanup:
   return hr;
 }
 
+// UpdateVersion for a caller that holds the history lock already: its texts
+// and its steps, without taking the lock again.
+HRESULT UpdateVersionHeld(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
+  xklogLog(MSTORE_MODULE, 8, "UpdateVersion");
+  HRESULT hr = RaiseVersion(sCompartmentIdGlobal, nVersionKind);
+  xklogLog(MSTORE_MODULE, 16, "UpdateVersion hr = 0x%x", hr);
+  return hr;
+}
+
 // The steps of UpdateHistoryTree; the caller holds the history lock.
 HRESULT RaiseVersionsAlongPath(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
   HRESULT hr = S_OK;
   // The prefixes of the components that split would give, joined again by
   // "/", are the text before each "/" and then the whole path; empty
   // components are kept the same way.
+  // The last prefix is the path itself, taken as it is.
   SecureString sPrefix;
   SecureString::size_type start = 0;
   for (;;) {
     const SecureString::size_type end = sCompartmentIdGlobal.find('/', start);
     const bool bLast = end == SecureString::npos;
-    sPrefix.assign(sCompartmentIdGlobal, 0, end);
+    if (!bLast) sPrefix.assign(sCompartmentIdGlobal, 0, end);
+    const SecureString& sLevel = bLast ? sCompartmentIdGlobal : sPrefix;
     for (int nKind : {0, 1}) {
       if (nVersionKind != -1 && nVersionKind != nKind) continue;
-      hr = UpdateVersion(sPrefix, nKind);
+      hr = UpdateVersionHeld(sLevel, nKind);
       if (FAILED(hr)) {
         xklogLog(MSTORE_MODULE, 1, "UpdateHistoryTree UpdateVersion failed");
         return hr;
@@ -158,22 +169,9 @@ HRESULT ReadVersions(const SecureString& sCompartmentIdGlobal, unsigned long* pu
 
 }  // namespace
 
-HistoryLock::HistoryLock() : HistoryLock(true) {}
-
-HistoryLock::HistoryLock(bool bTake) : m_bTaken(bTake) {
-  if (m_bTaken) HistoryMutex().lock();
-}
-
-HistoryLock::~HistoryLock() {
-  if (m_bTaken) HistoryMutex().unlock();
-}
-
 HRESULT UpdateVersion(const SecureString& sCompartmentIdGlobal, int nVersionKind) {
   HistoryLock lock;
-  xklogLog(MSTORE_MODULE, 8, "UpdateVersion");
-  HRESULT hr = RaiseVersion(sCompartmentIdGlobal, nVersionKind);
-  xklogLog(MSTORE_MODULE, 16, "UpdateVersion hr = 0x%x", hr);
-  return hr;
+  return UpdateVersionHeld(sCompartmentIdGlobal, nVersionKind);
 }
 
 HRESULT UpdateHistoryTree(const SecureString& sCompartmentIdGlobal, int nVersionKind) {

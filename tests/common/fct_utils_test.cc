@@ -26,6 +26,25 @@ TEST(Split, KeepsEmptyTokensAndSearchesTheLowByteOnly) {
   EXPECT_EQ(Split("x\xE9y\xE9", static_cast<wchar_t>(0x4E9)), Tokens({"x", "y", ""}));
 }
 
+// SameText reads words, not bytes: a difference at any position of texts of
+// any length up to past two words, and in bytes with the top bit set, must
+// show.
+TEST(SameText, EveryByteCounts) {
+  for (std::size_t n = 0; n <= 24; ++n) {
+    const std::string text = std::string("a/b/c/d/e/f/g/h/i/j/k/l/m").substr(0, n);
+    SecureString a(text.data(), text.size());
+    EXPECT_TRUE(SameText(a, SecureString(text.data(), text.size()))) << n;
+    EXPECT_FALSE(SameText(a, SecureString(text.data(), text.size()) + "x")) << n;
+    for (std::size_t at = 0; at < n; ++at) {
+      for (char other : {'\0', '\x80', 'z'}) {
+        SecureString b = a;
+        b[at] = other;
+        EXPECT_FALSE(SameText(a, b)) << n << " at " << at;
+      }
+    }
+  }
+}
+
 TEST(Conversions, BstrToStringStopsAtNulAndRefusesEmpty) {
   xk::test::LogCapture log;
   SecureString out("kept");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <random>
+#include <set>
 
 #include "tree_test_support.h"
 
@@ -91,6 +92,56 @@ TEST_F(Compartments, WalksMatchTheScanOnRandomPaths) {
     }
     CheckAgainstScan(paths);
   }
+}
+
+// Lookups by full path go through a hash index kept beside the ordered map,
+// and through the entries found last; both must follow every creation,
+// removal and flush. A random run of them against a plain set of keys, with
+// enough keys to make the index grow and paths of equal length and shared
+// prefixes to make its probes collide.
+TEST_F(Compartments, LookupsFollowEveryChangeOfTheTree) {
+  std::mt19937 random(20240611);
+  CMemoryTree tree(S("T"));
+  std::set<std::string> model;
+  std::size_t largest = 0;
+  Strings pool;
+  auto expectCached = [&](const std::string& path, int step) {
+    V versions(2);
+    signed char cached = 9;
+    EXPECT_EQ(tree.IsCompartmentCached(S(path), &versions[0], &versions[1], &cached, 0), S_OK);
+    EXPECT_EQ(cached, model.count(path) ? 1 : 0) << "step " << step << " path \"" << path << "\"";
+    return cached == (model.count(path) ? 1 : 0);
+  };
+  for (int step = 0; step < 600; ++step) {
+    std::string path;
+    for (int c = 1 + static_cast<int>(random() % 7); c > 0; --c) path += "./0ab"[random() % 5];
+    pool.push_back(path);
+    // Mostly creations, a third as many removals, now and then a flush.
+    const unsigned op = random() % 64;
+    if (op < 47) {
+      EXPECT_EQ(tree.CreateCompartment(S(path), 0), S_OK);
+      for (std::size_t end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1))
+        model.insert(path.substr(0, end));
+      model.insert(path);
+    } else {
+      // Found just before it goes, then not found.
+      const std::string id = op < 63 ? pool[random() % pool.size()] : path;
+      expectCached(id, step);
+      if (op < 63) {
+        tree.RemoveCompartment(S(id), 1, 0);
+        for (auto it = model.begin(); it != model.end();) it = InSubtree(*it, id) ? model.erase(it) : std::next(it);
+      } else {
+        EXPECT_EQ(tree.FlushTree(0), S_OK);
+        model.clear();
+      }
+      expectCached(id, step);
+    }
+    // Every path seen so far, found exactly when it is a key.
+    for (std::size_t i = step % 7; i < pool.size(); i += 7) ASSERT_TRUE(expectCached(pool[i], step));
+    largest = std::max(largest, model.size());
+  }
+  EXPECT_EQ(AllKeys(tree), Strings(model.begin(), model.end()));
+  EXPECT_GT(largest, 100u) << "enough keys to grow the index several times";
 }
 
 TEST_F(Compartments, RemovalResults) {

@@ -4,6 +4,8 @@
 
 #include "trees/Node.h"
 
+#include <set>
+
 #include "tree_test_support.h"
 
 namespace {
@@ -39,6 +41,38 @@ TEST(CNode, KeepsIndependentDeepCopiesAndDestroysReplacedValues) {
   SecureString nodeId;
   node.GetNodeId(nodeId);
   EXPECT_EQ(nodeId, "leaf");
+}
+
+// A node finds a handful of items by walking them and more by searching its
+// map, and remembers the item it found last; each way must agree with what
+// was put and removed.
+TEST(CNode, FindsItemsWhateverTheirNumber) {
+  CNode node(S("n"));
+  std::set<std::string> held;
+  auto id = [](int i) { return "id" + std::string(i % 3, '.') + std::to_string(i); };
+  auto expectHeld = [&](const std::string& when) {
+    for (const std::string& each : held) EXPECT_EQ(Item(node, each.c_str()), Strings({each})) << when;
+  };
+  for (int i = 0; i < 12; ++i) {
+    SAFEARRAY* v = MakeValue({id(i)});
+    EXPECT_EQ(node.AddDataItem(S(id(i)), v), S_OK);
+    SafeArrayDestroy(v);
+    held.insert(id(i));
+    expectHeld("after adding " + id(i));
+  }
+  for (int i = 0; i < 12; i += 2) {
+    EXPECT_EQ(node.RemoveDataItem(S(id(i))), S_OK);
+    held.erase(id(i));
+    SAFEARRAY* out = nullptr;
+    EXPECT_EQ(node.GetDataItem(S(id(i)), out), E_INVALIDARG) << "not found again after its removal";
+    EXPECT_EQ(out, nullptr);
+    expectHeld("after removing " + id(i));
+  }
+  std::vector<SecureString> ids;
+  node.ListDataItems(ids);
+  Strings listed;
+  for (const SecureString& each : ids) listed.emplace_back(each.data(), each.size());
+  EXPECT_EQ(listed, Strings(held.begin(), held.end()));
 }
 
 TEST(CNode, AbsentIdsAreNotFoundAtTraceLevel) {
