@@ -79,8 +79,11 @@ constexpr const char* kStatements[] = {
     "SAVEPOINT xkop",
     "RELEASE xkop",
     "ROLLBACK TO xkop",
+    // kSetValueById: kSetValue for a key whose id a batch knows
+    "INSERT INTO vals(key, name, type, data, mtime) VALUES(?1, ?2, ?3, ?4, ?5)"
+    " ON CONFLICT(key, name) DO UPDATE SET type = excluded.type, data = excluded.data, mtime = excluded.mtime",
 };
-static_assert(std::size(kStatements) == 21, "one text per statement");
+static_assert(std::size(kStatements) == 22, "one text per statement");
 
 struct SchemaState {
   std::int64_t applicationId = 0;
@@ -348,11 +351,19 @@ long RegistryDatabase::CreateKey(const std::string& path, std::size_t baseLength
 
 long RegistryDatabase::SetValue(std::string_view path, std::string_view name, unsigned int type,
                                 const unsigned char* data, std::size_t size) {
+  // Inside a batch the key's id may be known already.
+  const BatchMemo* memo = Memo();
+  const bool byId = memo != nullptr && memo->hasKey && memo->keyPath == path;
+  const std::int64_t keyId = byId ? memo->keyId : 0;
   MemoPause pause(*this, false);
   // A single write statement takes the write lock (waiting in the busy
   // handler) before it reads, like BEGIN IMMEDIATE, and is its own transaction.
-  Statement set(Stmt(kSetValue));
-  set.Bind(1, path);
+  Statement set(Stmt(byId ? kSetValueById : kSetValue));
+  if (byId) {
+    set.Bind(1, keyId);
+  } else {
+    set.Bind(1, path);
+  }
   set.Bind(2, name);
   set.Bind(3, static_cast<std::int64_t>(type));
   set.BindBlob(4, data, size);

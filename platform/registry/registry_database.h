@@ -142,6 +142,7 @@ class RegistryDatabase {
     kSavepoint,
     kRelease,
     kRollbackTo,
+    kSetValueById,
     kSqlCount,
   };
 

@@ -61,12 +61,13 @@ HRESULT CRegistryTree::ConvertString2RegistryFormat(const SecureString& sCompart
   sRegistryPath += m_sRegistryKey;
   sRegistryPath += m_sTreeId;
   if (sCompartmentId != "/") {
-    // Empty components are kept: the registry refuses the doubled backslash.
-    const std::vector<SecureString> components = split(sCompartmentId, L'/');
-    for (const SecureString& sComponent : components) {
-      sRegistryPath += '\\';
-      sRegistryPath += sComponent;
-    }
+    // Each component after a backslash, which is each "/" turned into one
+    // after a leading backslash. Empty components are kept: the registry
+    // refuses the doubled backslash.
+    sRegistryPath += '\\';
+    const SecureString::size_type start = sRegistryPath.size();
+    sRegistryPath += sCompartmentId;
+    std::replace(sRegistryPath.begin() + start, sRegistryPath.end(), '/', '\\');
   }
   xklogLog(MSTORE_MODULE, 16, "CRegistryTree::ConvertString2RegistryFormat hr = 0x%x", S_OK);
   return S_OK;

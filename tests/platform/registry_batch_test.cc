@@ -171,6 +171,8 @@ TEST_F(RegistryBatchTest, ReadsInABatchFollowItsOwnWrites) {
   // A key deleted and made again in the batch is the new key.
   HKEY key = nullptr;
   ASSERT_EQ(xkRegCreateKeyEx(kHklm, "B\\K", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
+  HKEY opened = nullptr;  // the batch now knows the key's id
+  ASSERT_EQ(xkRegOpenKeyEx(kHklm, "B\\K", 0, 0, &opened), ERROR_SUCCESS);
   ASSERT_EQ(Set("k", "old", key), ERROR_SUCCESS);
   EXPECT_EQ(Read("k", "B\\K"), "old");
   ASSERT_EQ(qxRegDeleteSubKey(kHklm, "B\\K", 0, 0), ERROR_SUCCESS);
@@ -183,6 +185,7 @@ TEST_F(RegistryBatchTest, ReadsInABatchFollowItsOwnWrites) {
   EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
   EXPECT_EQ(Committed("k", "B\\K") + Committed("w") + Committed("v"), "new3-");
   xkRegCloseKey(key);
+  xkRegCloseKey(opened);
   xkRegCloseKey(again);
 }
 
