@@ -67,12 +67,12 @@ const std::string& RegistryService::PathLocked() {
 }
 
 const char* RegistryService::DatabasePath() {
-  std::lock_guard<ReentrantMutex> lock(m_Mutex);
+  std::lock_guard<xk::ReentrantMutex> lock(m_Mutex);
   return PathLocked().c_str();
 }
 
 void RegistryService::SetDatabasePath(const char* path) {
-  std::lock_guard<ReentrantMutex> lock(m_Mutex);
+  std::lock_guard<xk::ReentrantMutex> lock(m_Mutex);
   CloseDatabase();
   m_Path = path == nullptr ? nullptr : Intern(path);
 }
@@ -119,7 +119,7 @@ long RegistryService::CommitBatch(long fault) {
 long RegistryService::EndBatch(long fault) {
   if (tBatchDepth == 0) return ERROR_INVALID_PARAMETER;
   // Gives back the hold BeginBatch took, whatever happens below.
-  std::unique_lock<ReentrantMutex> hold(m_Mutex, std::adopt_lock);
+  std::unique_lock<xk::ReentrantMutex> hold(m_Mutex, std::adopt_lock);
   if (--tBatchDepth > 0) return fault;
   return FinishBatch(fault);
 }

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "handle_table.h"
-#include "reentrant_mutex.h"
 #include "registry_database.h"
+#include "xk/reentrant_mutex.h"
 
 namespace xk {
 namespace registry {
@@ -42,7 +42,7 @@ class RegistryService {
   // Runs `work(Session&)` under the lock and returns its status.
   template <class Work>
   long Run(Work&& work) {
-    std::lock_guard<ReentrantMutex> lock(m_Mutex);
+    std::lock_guard<xk::ReentrantMutex> lock(m_Mutex);
     Session session(*this);
     return work(session);
   }
@@ -74,7 +74,7 @@ class RegistryService {
   const std::string* Intern(const std::string& path);
   const std::string& PathLocked();
 
-  ReentrantMutex m_Mutex;
+  xk::ReentrantMutex m_Mutex;
   RegistryDatabase m_Database;     // guarded by m_Mutex
   bool m_BatchOpen = false;        // guarded by m_Mutex; the batch's transaction is open
   bool m_BatchLost = false;        // guarded by m_Mutex; ... was lost by a close

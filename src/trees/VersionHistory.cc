@@ -10,8 +10,8 @@ CAbstractTree* gHistoryTree = NULL;
 // Made while the library loads, before any constructor runs, and never torn
 // down (a pthread mutex needs no destruction), so it stays usable while other
 // static objects are destroyed.
-constinit HistoryMutex gHistoryMutex;
-static_assert(std::is_trivially_destructible_v<HistoryMutex>, "the history lock must outlive every static object");
+constinit xk::ReentrantMutex gHistoryMutex;
+static_assert(std::is_trivially_destructible_v<xk::ReentrantMutex>, "the history lock must outlive every static object");
 
 namespace {
 

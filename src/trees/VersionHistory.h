@@ -1,14 +1,10 @@
 #ifndef MERROWSTORE_TREES_VERSIONHISTORY_H
 #define MERROWSTORE_TREES_VERSIONHISTORY_H
 
-#include <pthread.h>
-
-#include <atomic>
-#include <mutex>
-
 #include "merrowstore/export.h"
 #include "trees/AbstractTree.h"
 #include "xk/hresult.h"
+#include "xk/reentrant_mutex.h"
 #include "xk/secure_types.h"
 
 // The version history: two counters per compartment, "CompartmentVersion" and
@@ -21,41 +17,8 @@
 // of the tree it points to is serialised by HistoryLock.
 extern MERROWSTORE_EXPORT CAbstractTree* gHistoryTree;
 
-// The lock behind HistoryLock, which is how it is taken: recursive for the
-// thread that holds it, exclusive for every other. Only the outermost taking
-// of a thread touches the mutex; a write through the history takes the lock
-// about a dozen times over, nested, so the nested taking is inline and costs
-// a comparison of thread ids. m_Owner holds the holding thread, or 0 (no
-// thread's pthread_t is 0 here: it is the address of the thread's
-// descriptor). A thread finds itself there only while it holds the mutex,
-// because it writes 0 back before letting go.
-class HistoryMutex {
- public:
-  void Lock() {
-    const pthread_t self = pthread_self();
-    if (m_Owner.load(std::memory_order_relaxed) == self) {
-      ++m_Depth;
-      return;
-    }
-    m_Mutex.lock();
-    m_Owner.store(self, std::memory_order_relaxed);
-    m_Depth = 1;
-  }
-
-  void Unlock() {
-    if (--m_Depth != 0) return;
-    m_Owner.store(0, std::memory_order_relaxed);
-    m_Mutex.unlock();
-  }
-
- private:
-  std::mutex m_Mutex;
-  std::atomic<pthread_t> m_Owner{0};
-  unsigned m_Depth = 0;  // guarded by m_Mutex
-};
-
 // The history lock itself; never used directly.
-extern MERROWSTORE_EXPORT HistoryMutex gHistoryMutex;
+extern MERROWSTORE_EXPORT xk::ReentrantMutex gHistoryMutex;
 
 // The one lock of gHistoryTree, held while it lives. The version functions take
 // it themselves, and so does every operation of the memory tree that is
@@ -67,10 +30,10 @@ class MERROWSTORE_EXPORT HistoryLock {
   HistoryLock() : HistoryLock(true) {}
   // Takes the lock only when bTake is true.
   explicit HistoryLock(bool bTake) : m_bTaken(bTake) {
-    if (m_bTaken) gHistoryMutex.Lock();
+    if (m_bTaken) gHistoryMutex.lock();
   }
   ~HistoryLock() {
-    if (m_bTaken) gHistoryMutex.Unlock();
+    if (m_bTaken) gHistoryMutex.unlock();
   }
   HistoryLock(const HistoryLock&) = delete;
   HistoryLock& operator=(const HistoryLock&) = delete;
