@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -295,17 +294,15 @@ TEST_F(RegistryTest, MalformedPathsNamesAndHivesAreRefused) {
   }
 }
 
-TEST_F(RegistryTest, HandlesSurviveThreadsAndReportDeletedKeysAndDoubleCloses) {
+TEST_F(RegistryTest, HandlesReportDeletedKeysAndDoubleCloses) {
   HKEY key = Create("H\\k");
   SetString(key, "v", "1");
-  // A handle may stand for the hive of the by-path calls, and cross threads.
+  // A handle may stand for the hive of the by-path calls (handles shared
+  // between threads: registry_concurrency_test).
   unsigned int type = 0;
   unsigned int size = 0;
   EXPECT_EQ(qxRegReadValueEx(static_cast<const char*>(key), nullptr, "v", &type, nullptr, &size, 0),
             ERROR_SUCCESS);
-  long fromThread = -1;
-  std::thread([&] { fromThread = xkRegSetValueEx(key, "w", 0, REG_SZ, nullptr, 0); }).join();
-  EXPECT_EQ(fromThread, ERROR_SUCCESS);
 
   // Deleted by a by-path call: the handle keeps its path and says so.
   ASSERT_EQ(qxRegDeleteSubKey(kHklm, "H", 0, 0), ERROR_SUCCESS);
