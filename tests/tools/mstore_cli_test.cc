@@ -1,37 +1,10 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
-#include <string>
+#include "mstore_test_support.h"
 
-#include "xk/testsupport.h"
-
-namespace {
-
-struct Result {
-  int status;
-  std::string out;
-};
-
-// Runs mstore on the sandbox's registry with `args` (shell words) and collects
-// stdout and stderr together.
-Result RunMstore(const xk::test::Sandbox& sandbox, const std::string& args) {
-  std::string cmd = std::string(MSTORE_BINARY) + " --registry '" + sandbox.RegistryPath() + "' " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  Result r{-1, ""};
-  if (!p) return r;
-  std::array<char, 4096> buf;
-  std::size_t n;
-  while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
-  int raw = pclose(p);
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  return r;
-}
+using namespace mstoretest;
 
 const std::string kKey = "'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Test'";
-
-}  // namespace
 
 TEST(MstoreCli, SetShowDumpAndDeleteThroughTheRegistry) {
   xk::test::Sandbox sandbox;
@@ -41,20 +14,20 @@ TEST(MstoreCli, SetShowDumpAndDeleteThroughTheRegistry) {
 
   Result show = RunMstore(sandbox, "registry show " + kKey);
   EXPECT_EQ(show.status, 0);
-  EXPECT_NE(show.out.find("Names  multi_sz  6 bytes  [\"ab\", \"c\"]"), std::string::npos) << show.out;
-  EXPECT_NE(show.out.find("Blob  binary  4 bytes  ba 02 ff 00"), std::string::npos) << show.out;
+  EXPECT_TRUE(Has(show.out, "Names  multi_sz  6 bytes  [\"ab\", \"c\"]")) << show.out;
+  EXPECT_TRUE(Has(show.out, "Blob  binary  4 bytes  ba 02 ff 00")) << show.out;
 
   Result dump = RunMstore(sandbox, "registry dump 'HKEY_LOCAL_MACHINE\\Software'");
-  EXPECT_NE(dump.out.find("Count  dword  4 bytes  0x00000007 (7)"), std::string::npos) << dump.out;
+  EXPECT_TRUE(Has(dump.out, "Count  dword  4 bytes  0x00000007 (7)")) << dump.out;
   EXPECT_EQ(RunMstore(sandbox, "registry list " + kKey).out, "Sub\n");
 
   Result refused = RunMstore(sandbox, "registry delete-key " + kKey);
   EXPECT_NE(refused.status, 0);
-  EXPECT_NE(refused.out.find("key has subkeys"), std::string::npos) << refused.out;
+  EXPECT_TRUE(Has(refused.out, "key has subkeys")) << refused.out;
   EXPECT_EQ(RunMstore(sandbox, "registry delete-key --recursive " + kKey).status, 0);
   Result gone = RunMstore(sandbox, "registry show " + kKey);
   EXPECT_NE(gone.status, 0);
-  EXPECT_NE(gone.out.find("not found"), std::string::npos) << gone.out;
+  EXPECT_TRUE(Has(gone.out, "not found")) << gone.out;
 }
 
 TEST(MstoreCli, BadInputGetsAMessageAndANonZeroExit) {
@@ -76,17 +49,15 @@ TEST(MstoreCli, SettingsShowTheirSourceAndCanBeSetAndReset) {
   xk::test::Sandbox sandbox;
   Result before = RunMstore(sandbox, "settings show");
   ASSERT_EQ(before.status, 0) << before.out;
-  EXPECT_NE(before.out.find("Merrowstore.Authentication.Timeout"), std::string::npos);
-  EXPECT_NE(before.out.find("15          (default)"), std::string::npos) << before.out;
+  EXPECT_TRUE(Has(before.out, "Merrowstore.Authentication.Timeout"));
+  EXPECT_TRUE(Has(before.out, "15          (default)")) << before.out;
 
   ASSERT_EQ(RunMstore(sandbox, "settings set Merrowstore.Authentication.Timeout 30").status, 0);
   Result after = RunMstore(sandbox, "settings show");
-  EXPECT_NE(after.out.find("30          (registry)"), std::string::npos) << after.out;
+  EXPECT_TRUE(Has(after.out, "30          (registry)")) << after.out;
   ASSERT_EQ(RunMstore(sandbox, "settings reset Merrowstore.Authentication.Timeout").status, 0);
-  EXPECT_NE(RunMstore(sandbox, "settings show").out.find("15          (default)"), std::string::npos);
-
-  Result logged = RunMstore(sandbox, "--log all settings show");
-  EXPECT_EQ(logged.status, 0);
+  EXPECT_TRUE(Has(RunMstore(sandbox, "settings show").out, "15          (default)"));
+  EXPECT_EQ(RunMstore(sandbox, "--log all settings show").status, 0);
 }
 
 TEST(MstoreCli, RemanentStoreValuesShowTheArrayTheyReadBackAs) {
@@ -97,11 +68,11 @@ TEST(MstoreCli, RemanentStoreValuesShowTheArrayTheyReadBackAs) {
   ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " c --type binary 'bb 02 61 62 bb 01 63'").status, 0);
   ASSERT_EQ(RunMstore(sandbox, "registry set " + key + " d --type binary '77 00'").status, 0);
   Result show = RunMstore(sandbox, "registry show " + key);
-  EXPECT_NE(show.out.find("-> VT_UI1 vector of 3 elements (record 0xBA)"), std::string::npos) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> VT_UI1 vector of 3 elements (record 0xBA)")) << show.out;
   // An empty string ends the list: only "ab" comes back.
-  EXPECT_NE(show.out.find("-> VT_BSTR vector of 1 element\n"), std::string::npos) << show.out;
-  EXPECT_NE(show.out.find("-> VT_UI1 array of 2 rows of 3 bytes (records 0xBB)"), std::string::npos) << show.out;
-  EXPECT_NE(show.out.find("-> no array"), std::string::npos) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> VT_BSTR vector of 1 element\n")) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> VT_UI1 array of 2 rows of 3 bytes (records 0xBB)")) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> no array")) << show.out;
   // Outside the remanent stores nothing is added.
   EXPECT_EQ(RunMstore(sandbox, "registry show " + kKey).out.find("->"), std::string::npos);
 }

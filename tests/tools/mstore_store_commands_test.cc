@@ -3,49 +3,14 @@
 // and the shell.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <string>
 #include <utility>
 #include <vector>
 
-#include "xk/testsupport.h"
+#include "mstore_test_support.h"
 
-namespace {
-
-struct Result {
-  int status;
-  std::string out;
-};
-
-// Runs `binary` on the sandbox's registry with `args` (shell words) and
-// collects stdout and stderr together.
-Result RunMstore(const xk::test::Sandbox& sandbox, const std::string& args, const std::string& binary = MSTORE_BINARY) {
-  std::string cmd = binary + " --registry '" + sandbox.RegistryPath() + "' " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  Result r{-1, ""};
-  if (!p) return r;
-  std::array<char, 4096> buf;
-  std::size_t n;
-  while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) r.out.append(buf.data(), n);
-  int raw = pclose(p);
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  return r;
-}
-
-std::string WriteScript(const xk::test::Sandbox& sandbox, const std::string& text) {
-  const std::string path = sandbox.Dir() + "/script.mstore";
-  std::ofstream(path) << text;
-  return path;
-}
-
-bool Has(const std::string& out, const std::string& line) { return out.find(line) != std::string::npos; }
-
-}  // namespace
+using namespace mstoretest;
 
 TEST(MstoreCatalogue, AddListAndRemoveEntries) {
   xk::test::Sandbox sandbox;

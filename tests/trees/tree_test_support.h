@@ -97,12 +97,9 @@ class HistoryTest : public ::testing::Test {
 // Allocations made while it lives are not reported as leaks.
 struct LeakAllowedScope {
 #if defined(__SANITIZE_ADDRESS__)
-  LeakAllowedScope() { __lsan_disable(); }
-  ~LeakAllowedScope() { __lsan_enable(); }
-#else
-  LeakAllowedScope() {}
-  ~LeakAllowedScope() {}
+  __lsan::ScopedDisabler disabler;
 #endif
+  LeakAllowedScope() {}
 };
 
 }  // namespace treetest

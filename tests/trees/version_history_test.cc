@@ -128,11 +128,11 @@ TEST_F(VersionHistory, IsCompartmentCachedReportsTheTreesVersions) {
   }
   unsigned long compartment = 77, content = 77;
   signed char cached = 77;
+  // Checked in this order: the flag, the compartment counter, the content counter.
   EXPECT_EQ(tree.IsCompartmentCached(S("s"), nullptr, nullptr, nullptr, 0), E_FAIL);
   EXPECT_EQ(tree.IsCompartmentCached(S("s"), nullptr, nullptr, &cached, 0), E_FAIL);
   EXPECT_EQ(tree.IsCompartmentCached(S("s"), &compartment, nullptr, &cached, 0), E_FAIL);
-  const char* texts[] = {"pbCached", "pulCompartmentVersion", "pulContentVersion"};
-  for (const char* text : texts)
+  for (const char* text : {"pbCached", "pulCompartmentVersion", "pulContentVersion"})
     EXPECT_EQ(log.Count(std::string("CMemoryTree::IsCompartmentCached ") + text + " == NULL"), 1u) << text;
   DropHistory();
   EXPECT_EQ(tree.IsCompartmentCached(S("s/c"), &compartment, &content, &cached, 0), E_FAIL);
