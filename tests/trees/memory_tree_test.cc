@@ -12,6 +12,10 @@ using namespace treetest;
 TEST(MemoryTreeData, WalkCreatesEveryPrefixAndNeverNormalises) {
   CMemoryTree tree(S("T"));
   Put(tree, "a/b/c", "x");
+  std::vector<SecureString> paths;
+  std::vector<CNode*> nodes;
+  EXPECT_EQ(tree.ListNodes(paths, nodes), S_OK);
+  EXPECT_EQ(paths, std::vector<SecureString>({S("a"), S("a/b"), S("a/b/c")}));
   Put(tree, "a//b", "x", "1");
   Put(tree, "/lead", "x", "2");
   Put(tree, "", "x", "3");
