@@ -4,7 +4,7 @@
 
 #include "common/FctUtils.h"
 #include "common/Module.h"
-#include "datastore/StoreMutexLock.h"
+#include "common/StoreMutexLock.h"
 #include "trees/MemoryTree.h"
 #include "trees/RegistryTree.h"
 #include "trees/VersionHistory.h"

@@ -8,7 +8,7 @@
 #include "common/FctUtils.h"
 #include "common/Module.h"
 #include "datastore/InternalDataStore.h"
-#include "datastore/StoreMutexLock.h"
+#include "common/StoreMutexLock.h"
 #include "trees/VersionHistory.h"
 #include "xk/log.h"
 
