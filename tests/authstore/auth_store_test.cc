@@ -1,0 +1,283 @@
+// The PIN store through its own members: the PIN-always table, read against
+// probe, scoping by session and process, PIN session ids, the lock-out
+// window, every removal form and the clean-up rule.
+#include "authstore_test_support.h"
+#include "xk/registry.h"
+#include "xk/testsupport.h"
+
+using namespace atest;
+
+namespace {
+
+const char kPINAlwaysSetting[] = "Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys";
+const unsigned kMe = static_cast<unsigned>(getpid());
+const std::string kMySession = Dec(static_cast<unsigned>(getsid(0)));
+const unsigned kNoProcess = 2147483000u;
+
+class AuthStoreTest : public ::testing::Test {
+ protected:
+  xk::test::Sandbox sandbox;
+  xk::test::TestClock clock;
+};
+
+TEST_F(AuthStoreTest, PINAlwaysTableForReadAndProbe) {
+  struct Row {
+    const char* stored;  // Action of the SetPIN: "Authenticate" leaves the token available
+    const char* bypass;
+    const char* acr;     // IsACRPINAlways of the read
+    const char* action;  // Action of the read
+    int state;           // read, PIN prompt mode; the probe says the same for "Yes" and "No", else 0
+    const char* after;
+  } rows[] = {
+      {"None", "False", "Yes", "None", 0, "unavailable"},
+      {"None", "True", "Yes", "None", 1, "unavailable"},
+      {"Authenticate", "False", "Yes", "Authenticate", 1, "available"},
+      {"Authenticate", "False", "Yes", "ChangeAuthenticator", 1, "available"},
+      {"Authenticate", "False", "Yes", "None", 1, "unavailable"},
+      {"Authenticate", "False", "No", "Authenticate", 1, "available"},
+      {"None", "False", "No", "Authenticate", 1, "unavailable"},
+      {"Authenticate", "False", "No", "None", 1, "unavailable"},
+      {"Authenticate", "False", "yes", "None", 1, "available"},
+      {"None", "False", "yes", "None", 1, "unavailable"},
+  };
+  for (int mode : {0, 1}) {
+    SetSetting(kPINAlwaysSetting, mode);
+    StorePtr store = Begin("Table", 1, 1);
+    for (const Row& r : rows) {
+      SCOPED_TRACE(std::string(r.stored) + " " + r.bypass + " " + r.acr + " " + r.action + " mode " + Dec(mode));
+      Set(*store, kMe, "c", "p", "1234", {{"Action", r.stored}, {"BypassPINAlways", r.bypass}});
+      const int expected = r.state == 0 && mode == 1 ? 2 : r.state;
+      const Read probe = Get(*store, kMe, "c", "p", {{"IsACRPINAlways", r.acr}}, true);
+      EXPECT_EQ(probe.hr, S_OK);
+      EXPECT_EQ(probe.state, std::string(r.acr) == "yes" ? 0 : expected);
+      const Read read = Get(*store, kMe, "c", "p", {{"IsACRPINAlways", r.acr}, {"Action", r.action}});
+      EXPECT_EQ(read.hr, S_OK);
+      EXPECT_EQ(read.state, expected);
+      EXPECT_EQ(read.value, "1234");  // whatever the state says
+      EXPECT_EQ(Item(*store, "c/p", "PINAlwaysState"), r.after);
+    }
+  }
+}
+
+TEST_F(AuthStoreTest, SetPINRecordsTokenBypassAndIdAndProtectsTheValue) {
+  StorePtr store = Begin("Set", 1, 1);
+  const std::string id1 = Set(*store, kMe, "c", "p", "1234", {{"Action", "Authenticate"}, {"BypassPINAlways", "true"}});
+  EXPECT_EQ(id1.size(), 36u);
+  EXPECT_EQ(Item(*store, "c/p", "PINSessionId"), id1);
+  EXPECT_EQ(Item(*store, "c/p", "PINBypassPINAlwaysState"), "False");  // "true" is not "True"
+  const std::string stored = Item(*store, "c/p", "PINValue");
+  EXPECT_EQ(stored.size(), 16u);
+  EXPECT_EQ(stored.find("1234"), std::string::npos);
+  // "ChangeAuthenticator" carries an available token over, and a spent one.
+  const std::string id2 = Set(*store, kMe, "c", "p", "5678", {{"Action", "ChangeAuthenticator"}});
+  EXPECT_NE(id2, id1);
+  EXPECT_EQ(Item(*store, "c/p", "PINAlwaysState"), "available");
+  Set(*store, kMe, "c", "p", "5678");
+  Set(*store, kMe, "c", "p", "5678", {{"Action", "ChangeAuthenticator"}});
+  EXPECT_EQ(Item(*store, "c/p", "PINAlwaysState"), "unavailable");
+  EXPECT_EQ(Get(*store, kMe, "c", "p").value, "5678");
+  // A shared store records no PIN session id.
+  EXPECT_TRUE(Peer::PINSessionIds(*store).empty());
+}
+
+TEST_F(AuthStoreTest, ScopingBySessionAndProcess) {
+  Child otherSession(true);
+  Child sameSession(false);
+  const std::string sOther = Dec(otherSession.Pid());
+  struct Row {
+    signed char shared;
+    int perProcess;
+    std::string path;  // of a PIN cached by this process
+    bool seenBySameSession, seenByOtherSession;
+  } rows[] = {
+      {0, 0, kMySession + "/c/p", true, false},
+      {0, 1, kMySession + "/c/p/" + Dec(kMe), false, false},
+      {1, 0, "c/p", true, true},
+      {1, 1, "c/p/" + Dec(kMe), false, false},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.path);
+    SetSetting("Merrowstore.Authentication.AllowPerProcess", r.perProcess);
+    StorePtr store = Begin("Scope", r.shared);
+    Set(*store, kMe, "c", "p", "1234");
+    EXPECT_EQ(Item(*store, r.path, "PINValue"), "1234");
+    EXPECT_EQ(Get(*store, sameSession.Pid(), "c", "p", {}, true).hr == S_OK, r.seenBySameSession);
+    EXPECT_EQ(Get(*store, otherSession.Pid(), "c", "p", {}, true).hr == S_OK, r.seenByOtherSession);
+    // The caller 0: refused by a store that is not shared, the segment "0" otherwise.
+    Set(*store, 0, "c", "q", "1", {}, r.shared ? S_OK : E_FAIL);
+    if (r.shared) {
+      EXPECT_EQ(Item(*store, r.perProcess ? "c/q/0" : "c/q", "PINValue"), "1");
+    }
+    // The other session's own PIN lands under its session.
+    if (!r.shared) {
+      Set(*store, otherSession.Pid(), "c", "p", "9");
+      EXPECT_EQ(Item(*store, sOther + "/c/p" + (r.perProcess ? "/" + sOther : ""), "PINValue"), "9");
+    }
+  }
+}
+
+TEST_F(AuthStoreTest, PINSessionIdReachesThePINFromAnotherSession) {
+  Child otherSession(true);
+  StorePtr store = Begin("Ids", 0);
+  const std::string id = Set(*store, kMe, "c", "p", "1234", {{"Action", "Authenticate"}});
+  EXPECT_EQ(Get(*store, otherSession.Pid(), "c", "p").hr, E_INVALIDARG);
+  int state = -1;
+  SAFEARRAY* value = nullptr;
+  Bstr bstrId(id);
+  EXPECT_EQ(store->GetPINFromPINSessionId(otherSession.Pid(), Bstr("c"), Bstr("p"), bstrId, nullptr, &value, &state),
+            S_OK);
+  EXPECT_EQ(Take(value), "1234");
+  EXPECT_STREQ(static_cast<char*>(bstrId), id.c_str());  // the caller's handle is untouched
+  EXPECT_EQ(store->ChangePINStateFromPINSessionId(otherSession.Pid(), Bstr("c"), Bstr("p"), bstrId, nullptr, 1), S_OK);
+  EXPECT_EQ(Item(*store, kMySession + "/c/p", "PINAlwaysState"), "available");
+  // An unknown id: the empty session, no failure.
+  xk::test::LogCapture log;
+  Array pin(MakePIN("9"));
+  EXPECT_EQ(store->SetPINFromPINSessionId(kMe, Bstr("c"), Bstr("p"), Bstr("nope"), pin, nullptr), S_OK);
+  EXPECT_TRUE(log.Contains(1, "CInternalAuthStore::SetInternalPIN sPINSessionId not found"));
+  EXPECT_EQ(Item(*store, "/c/p", "PINSessionId"), "nope");
+}
+
+TEST_F(AuthStoreTest, LockedOutSessionPassesAgainAfterTheTimeout) {
+  StorePtr store = Begin("Lockout", 0);
+  const unsigned session = static_cast<unsigned>(getsid(0));
+  for (unsigned registryValue : {0u, 3u}) {
+    SCOPED_TRACE(registryValue);
+    HKEY key = nullptr;
+    ASSERT_EQ(xkRegCreateKeyEx("HKEY_LOCAL_MACHINE", "Software\\Norvane Co\\Merrowstore", 0, nullptr, 0, 3, nullptr,
+                               &key, nullptr), ERROR_SUCCESS);
+    xkRegSetValueEx(key, "DisableTimeoutAfterEndSession", 0, REG_DWORD,
+                    reinterpret_cast<const unsigned char*>(&registryValue), 4);
+    xkRegCloseKey(key);
+    const unsigned timeout = registryValue == 0 ? 15 : registryValue;
+    store->SetAvailabilityStoreFromSessionId(session, 0);
+    clock.Advance(timeout - 1);
+    Set(*store, kMe, "c", "p", "1", {}, E_FAIL);
+    clock.Advance(1);
+    Set(*store, kMe, "c", "p", "1");
+  }
+}
+
+TEST_F(AuthStoreTest, RemovalForms) {
+  Child otherSession(true);
+  const std::string sOther = Dec(otherSession.Pid());
+  SetSetting("Merrowstore.Authentication.AllowPerProcess", 1);
+  StorePtr store = Begin("Remove", 0);
+  xk::test::LogCapture log;
+  // Not cached: the tree's answer reaches the caller.
+  SAFEARRAY* none = nullptr;
+  EXPECT_EQ(store->RemovePIN(kMe, Bstr("c"), Bstr("p"), nullptr), E_INVALIDARG);
+  EXPECT_TRUE(log.Contains(1, "CInternalAuthStore::RemovePIN RemoveInternalPIN failed"));
+  // AllProcess: every process of the caller's session, from the tree only.
+  Set(*store, kMe, "c", "p", "1");
+  Set(*store, kNoProcess, "c", "p", "2");  // getsid fails: the session 4294967295
+  Child sameSession(false);
+  Set(*store, sameSession.Pid(), "c", "p", "3");
+  Array allProcess(MakeParams({{"AllProcess", "True"}}));
+  EXPECT_EQ(store->RemovePIN(kMe, Bstr("c"), Bstr("p"), allProcess), S_OK);
+  EXPECT_EQ(Item(*store, kMySession + "/c/p/" + Dec(kMe), "PINValue"), "<missing>");
+  EXPECT_EQ(Item(*store, kMySession + "/c/p/" + Dec(sameSession.Pid()), "PINValue"), "<missing>");
+  EXPECT_EQ(Item(*store, "4294967295/c/p/" + Dec(kNoProcess), "PINValue"), "2");
+  EXPECT_EQ(Peer::Timers(*store), 3u);  // left to fire
+  // AllSession: the PIN of every session known by a PIN session id.
+  Set(*store, kMe, "c", "p", "1");
+  Set(*store, otherSession.Pid(), "c", "p", "2");
+  Array allSession(MakeParams({{"AllSession", "True"}}));
+  EXPECT_EQ(store->RemovePIN(kMe, Bstr("c"), Bstr("p"), allSession), S_OK);
+  EXPECT_EQ(Item(*store, kMySession + "/c/p/" + Dec(kMe), "PINValue"), "<missing>");
+  EXPECT_EQ(Item(*store, sOther + "/c/p/" + Dec(kMe), "PINValue"), "<missing>");
+  EXPECT_EQ(Item(*store, sOther + "/c/p/" + sOther, "PINValue"), "2");  // another process segment
+  // RemoveCompartment: the caller's session, or every known session.
+  Set(*store, kMe, "c", "q", "1");
+  EXPECT_EQ(store->RemoveCompartment(otherSession.Pid(), Bstr("c"), nullptr), S_OK);
+  EXPECT_EQ(Item(*store, kMySession + "/c/q/" + Dec(kMe), "PINValue"), "1");
+  Set(*store, otherSession.Pid(), "c", "p", "2");
+  EXPECT_EQ(store->RemoveCompartment(kMe, Bstr("c"), allSession), S_OK);
+  for (const std::string& path : {kMySession + "/c/q/" + Dec(kMe), sOther + "/c/p/" + sOther,
+                                  "4294967295/c/p/" + Dec(kNoProcess)})
+    EXPECT_EQ(Item(*store, path, "PINValue"), "<missing>") << path;
+  // The PIN session id form.
+  const std::string id = Set(*store, kMe, "c", "p", "1");
+  EXPECT_EQ(store->RemovePINFromPINSessionId(otherSession.Pid(), Bstr("c"), Bstr("p"), Bstr(id), nullptr), E_INVALIDARG);
+  EXPECT_EQ(store->RemovePINFromPINSessionId(kMe, Bstr("c"), Bstr("p"), Bstr(id), nullptr), S_OK);
+  EXPECT_EQ(Peer::PINSessionIds(*store).count(S(id)), 0u);
+  // "session//" matches no ordinary PIN of a memory tree; MoveStore carries them.
+  Set(*store, kMe, "c", "p", "1");
+  EXPECT_EQ(store->FlushStoreFromSessionId(static_cast<unsigned>(getsid(0))), S_OK);
+  EXPECT_EQ(store->MoveStore(static_cast<unsigned>(getsid(0)), 77), S_OK);
+  EXPECT_EQ(Item(*store, "77/c/p/" + Dec(kMe), "PINValue"), "1");
+  // FlushStore with parameters deletes every timer; the PIN session ids stay.
+  EXPECT_EQ(store->FlushStore(kMe, none), S_OK);
+  EXPECT_EQ(Peer::Timers(*store), 0u);
+  EXPECT_TRUE(Paths(*store).empty());
+  EXPECT_FALSE(Peer::PINSessionIds(*store).empty());
+  Array odd(SafeArrayCreateVector(VT_BSTR, 0, 1));
+  Set(*store, kMe, "c", "p", "1");
+  EXPECT_EQ(store->FlushStore(kMe, odd), DISP_E_BADINDEX);  // an odd count does not parse: nothing goes
+  EXPECT_EQ(Item(*store, kMySession + "/c/p/" + Dec(kMe), "PINValue"), "1");
+  EXPECT_EQ(store->FlushStore(kMe), S_OK);
+  EXPECT_TRUE(Paths(*store).empty());
+  EXPECT_EQ(Peer::Timers(*store), 1u);
+}
+
+TEST_F(AuthStoreTest, CleanUpRuleHidesFailuresOnceAnArrayIsHeld) {
+  StorePtr store = Begin("CleanUp", 1);
+  xk::test::LogCapture log;
+  {
+    // Before the value is held, a failure reaches the caller.
+    xk::test::FaultInjector faults;
+    faults.FailWithCode("SafeArrayCopy", E_OUTOFMEMORY);
+    Set(*store, kMe, "c", "p", "1", {}, E_OUTOFMEMORY);
+  }
+  {
+    // After it, the failed state vector is reported as success.
+    xk::test::FaultInjector faults;
+    faults.FailWithCode("SafeArrayPutElement", E_FAIL);
+    Set(*store, kMe, "c", "p", "1");
+    EXPECT_TRUE(log.Contains(1, "CInternalAuthStore::SetInternalPIN SafeArrayPutElement failed"));
+    EXPECT_EQ(Item(*store, "c/p", "PINValue"), "1");
+    EXPECT_EQ(Item(*store, "c/p", "PINAlwaysState"), "<missing>");  // not rolled back, not finished
+  }
+  {
+    // A failed destruction is what the caller gets.
+    xk::test::FaultInjector faults;
+    // The last of the four (value, state, bypass, id) decides.
+    faults.FailWithCode("qxSafeArrayDestroy", E_OUTOFMEMORY, 4);
+    Set(*store, kMe, "c", "r", "1", {}, E_OUTOFMEMORY);
+    EXPECT_TRUE(log.Contains(1, "CInternalAuthStore::SetInternalPIN qxSafeArrayDestroy failed"));
+  }
+  // A read whose parameters do not parse: 0, the state as far as it got, no value.
+  Array odd(SafeArrayCreateVector(VT_BSTR, 0, 3));
+  int state = -1;
+  SAFEARRAY* value = nullptr;
+  EXPECT_EQ(store->GetPIN(kMe, Bstr("c"), Bstr("r"), odd, &value, nullptr, &state), S_OK);
+  EXPECT_EQ(state, 0);
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(Get(*store, kMe, "c", "nope").hr, E_INVALIDARG);
+  EXPECT_EQ(store->GetPIN(kMe, Bstr("c"), Bstr("p"), nullptr, nullptr, nullptr, nullptr), E_INVALIDARG);
+}
+
+TEST_F(AuthStoreTest, AdditionalParametersCarryOverAndDefault) {
+  SecureString o[6];
+  auto parse = [&](SAFEARRAY* psa) {
+    return CInternalAuthStore::GetAdditionalParameters(psa, o[0], o[1], o[2], o[3], o[4], o[5]);
+  };
+  auto all = [&] { return std::vector<SecureString>(o, o + 6); };
+  const std::vector<SecureString> defaults{"No", "None", "False", "False", "Yes", "False"};
+  EXPECT_EQ(parse(nullptr), S_OK);
+  EXPECT_EQ(all(), defaults);
+  Array bytes(MakePIN("ab"));
+  EXPECT_EQ(parse(bytes), S_OK);
+  EXPECT_EQ(all(), defaults);
+  Array repeated(MakeParams({{"Action", "Authenticate"}, {"Unknown", "x"}, {"Action", "ChangeAuthenticator"},
+                             {"AllSession", "True"}, {"IsACRPINAlways", "yes"}}));
+  EXPECT_EQ(parse(repeated), S_OK);
+  EXPECT_EQ(all(), (std::vector<SecureString>{"yes", "ChangeAuthenticator", "False", "True", "Yes", "False"}));
+  // An odd count: the last name takes the previous value, and the read fails.
+  Array odd(MakeStrings({"AllProcess", "True", "BypassPINAlways"}));
+  EXPECT_EQ(parse(odd), DISP_E_BADINDEX);
+  EXPECT_EQ(o[2], "True");
+  EXPECT_EQ(o[5], "True");
+}
+
+}  // namespace
