@@ -3,7 +3,8 @@
 # only those that are missing.
 set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config libsqlite3-dev libssl-dev uuid-dev
-          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev clang libclang-rt-14-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev clang libclang-rt-14-dev
+          libkeyutils-dev)  # libkeyutils-dev: the PIN store benchmark only
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
