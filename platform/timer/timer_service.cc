@@ -49,10 +49,20 @@ bool TimerService::Start() {
 
 void TimerService::Arm(TimerSlot* slot) {
   std::lock_guard<std::mutex> lock(m_Mutex);
-  if (slot->armed) m_Queue.erase(slot->position);
-  slot->position = m_Queue.emplace(DeadlineAfter(NowLocked(), slot->duration), slot);
-  slot->armed = true;
-  if (slot->position == m_Queue.begin()) m_Wake.notify_one();
+  const std::uint64_t deadline = DeadlineAfter(NowLocked(), slot->duration);
+  if (slot->armed) {
+    // A restart moves the timer's own queue entry: no allocation.
+    DeadlineQueue::node_type entry = m_Queue.extract(slot->position);
+    entry.key() = deadline;
+    slot->position = m_Queue.insert(std::move(entry));
+  } else {
+    slot->position = m_Queue.emplace(deadline, slot);
+    slot->armed = true;
+  }
+  // The service thread looks at the queue again by m_WakeAt on its own; only
+  // an earlier deadline needs it woken. A restart, which pushes a deadline
+  // back, never does.
+  if (deadline < m_WakeAt) m_Wake.notify_one();
 }
 
 bool TimerService::Release(TimerSlot* slot) {
@@ -150,15 +160,20 @@ void TimerService::FireFirst(std::unique_lock<std::mutex>& lock) {
 }
 
 void TimerService::WaitForWork(std::unique_lock<std::mutex>& lock) {
-  // The manual clock moves only through calls that notify m_Wake.
+  // The manual clock moves only through calls that notify m_Wake; under it
+  // every arming wakes the thread, as any deadline may be due already.
   if (m_Queue.empty() || m_Manual || m_Queue.begin()->first >= kNever) {
+    m_WakeAt = m_Manual ? UINT64_MAX : kNever;
     m_Wake.wait(lock);
-    return;
+  } else {
+    m_WakeAt = m_Queue.begin()->first;
+    auto deadline = std::chrono::steady_clock::time_point(
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::nanoseconds(static_cast<std::int64_t>(m_WakeAt))));
+    m_Wake.wait_until(lock, deadline);
   }
-  auto deadline = std::chrono::steady_clock::time_point(
-      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-          std::chrono::nanoseconds(static_cast<std::int64_t>(m_Queue.begin()->first))));
-  m_Wake.wait_until(lock, deadline);
+  // Awake: the queue is looked at before the next wait.
+  m_WakeAt = 0;
 }
 
 void TimerService::Requeue(std::uint64_t oldNow, std::uint64_t newNow) {

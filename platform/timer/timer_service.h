@@ -83,6 +83,11 @@ class TimerService {
   // m_IdleGen once nothing is due any more and no callback runs.
   std::uint64_t m_AdvanceGen = 0;
   std::uint64_t m_IdleGen = 0;
+  // When the service thread looks at the queue next without being woken: 0
+  // while it is awake (it looks before it waits again), the head's deadline
+  // while it waits for it, kNever (UINT64_MAX under the manual clock) while it
+  // waits for a notification only.
+  std::uint64_t m_WakeAt = 0;
   bool m_InCallback = false;
   TimerSlot* m_RunningSlot = nullptr;  // the timer whose callback runs, if alive
   QX::Framework::ITimerCallbackFunction* m_HandedOver = nullptr;
