@@ -19,18 +19,23 @@ namespace {
 
 constexpr std::size_t kBlock = 16;
 
-struct ContextFree {
-  void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-
 }  // namespace
 
-AesCipher::AesCipher(bool cbc, bool padding, const SecureByteVector& iv, EVP_CIPHER_CTX* context)
-    : m_Cbc(cbc), m_Padding(padding), m_IV{}, m_Context(context) {
+AesCipher::AesCipher(bool cbc, bool padding, const SecureByteVector& iv) : m_Cbc(cbc), m_Padding(padding), m_IV{} {
   std::copy(iv.begin(), iv.end(), m_IV.begin());
 }
 
-AesCipher::~AesCipher() { EVP_CIPHER_CTX_free(m_Context); }
+AesCipher::~AesCipher() { ReleaseContext(); }
+
+void AesCipher::ReleaseContext() {
+  if (m_Pool) {
+    m_Pool->GiveBack(m_Slot, m_Context);
+    m_Pool.reset();
+  } else {
+    EVP_CIPHER_CTX_free(m_Context);
+  }
+  m_Context = nullptr;
+}
 
 void AesCipher::Init(int direction, QX::Framework::IKey* key) {
   static constexpr const char* kOperation = "Cipher::Init";
@@ -41,12 +46,32 @@ void AesCipher::Init(int direction, QX::Framework::IKey* key) {
   const Key& own = Key::From(key, kOperation);
   // A failed Init leaves the cipher uninitialised, whatever it was before.
   m_Initialised = false;
+  ReleaseContext();
   const EVP_CIPHER* cipher = EvpCipherCache::Get().Find(own.Size(), m_Cbc);
   if (cipher == nullptr) Throw(QX::Framework::kCryptoOperationFailed, kOperation, "AES not available from OpenSSL");
-  if (EVP_CipherInit_ex2(m_Context, cipher, own.Bytes(), m_Cbc ? m_IV.data() : nullptr, direction == kEncrypt, nullptr) != 1 ||
-      EVP_CIPHER_CTX_set_padding(m_Context, m_Padding) != 1) {
-    ThrowOpenSsl(kOperation, "EVP_CipherInit_ex2 failed");
+  const unsigned slot = ContextPool::Slot(m_Cbc, direction == kEncrypt, m_Padding);
+  m_Context = own.Contexts()->Take(slot);
+  if (m_Context != nullptr) {
+    // The key schedule, direction and padding are in place: the IV and the
+    // state of a new message are all that is set.
+    if (EVP_CipherInit_ex2(m_Context, nullptr, nullptr, m_Cbc ? m_IV.data() : nullptr, -1, nullptr) != 1) {
+      ThrowOpenSsl(kOperation, "EVP_CipherInit_ex2 failed");
+    }
+  } else {
+    m_Context = EVP_CIPHER_CTX_new();
+    if (m_Context == nullptr) {
+      ERR_clear_error();
+      Throw(QX::Framework::kCryptoOutOfMemory, kOperation, "EVP_CIPHER_CTX_new failed");
+    }
+    if (EVP_CipherInit_ex2(m_Context, cipher, own.Bytes(), m_Cbc ? m_IV.data() : nullptr, direction == kEncrypt,
+                           nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(m_Context, m_Padding) != 1) {
+      ThrowOpenSsl(kOperation, "EVP_CipherInit_ex2 failed");
+    }
   }
+  // Set up in full: the context may go back to the key's pool.
+  m_Pool = own.Contexts();
+  m_Slot = slot;
   m_Initialised = true;
   m_Fresh = true;
 }
@@ -107,14 +132,8 @@ Cipher* Cipher::Create(IAlgorithm* algorithm, ICryptoParserParameterMap* map) {
   const SecureByteVector& iv = parameters.IV();
   if (cbc && iv.size() != xk::crypto::kBlock) xk::crypto::Throw(kCryptoInvalidArgument, kOperation, "CBC needs a 16-byte IV");
   if (!cbc && !iv.empty()) xk::crypto::Throw(kCryptoInvalidArgument, kOperation, "ECB takes no IV");
-  std::unique_ptr<EVP_CIPHER_CTX, xk::crypto::ContextFree> context(EVP_CIPHER_CTX_new());
-  if (!context) {
-    ERR_clear_error();
-    xk::crypto::Throw(kCryptoOutOfMemory, kOperation, "EVP_CIPHER_CTX_new failed");
-  }
-  Cipher* cipher = xk::crypto::Guarded(kOperation, [&] { return new xk::crypto::AesCipher(cbc, pkcs7, iv, context.get()); });
-  context.release();
-  return cipher;
+  // The context comes at Init, from the key.
+  return xk::crypto::Guarded(kOperation, [&] { return new xk::crypto::AesCipher(cbc, pkcs7, iv); });
 }
 
 }  // namespace Framework

@@ -9,7 +9,43 @@
 namespace xk {
 namespace crypto {
 
-Key::Key(std::size_t size, const SecureString& label) : m_Bytes(size), m_Label(label) {}
+ContextPool::~ContextPool() { Close(); }
+
+EVP_CIPHER_CTX* ContextPool::Take(unsigned slot) {
+  std::lock_guard<std::mutex> lock(m_Mutex);
+  EVP_CIPHER_CTX* context = m_Contexts[slot];
+  m_Contexts[slot] = nullptr;
+  return context;
+}
+
+void ContextPool::GiveBack(unsigned slot, EVP_CIPHER_CTX* context) {
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (!m_Closed && m_Contexts[slot] == nullptr) {
+      m_Contexts[slot] = context;
+      return;
+    }
+  }
+  EVP_CIPHER_CTX_free(context);
+}
+
+void ContextPool::Close() {
+  EVP_CIPHER_CTX* contexts[kSlots];
+  {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_Closed = true;
+    for (unsigned i = 0; i < kSlots; ++i) {
+      contexts[i] = m_Contexts[i];
+      m_Contexts[i] = nullptr;
+    }
+  }
+  for (EVP_CIPHER_CTX* context : contexts) EVP_CIPHER_CTX_free(context);
+}
+
+Key::Key(std::size_t size, const SecureString& label)
+    : m_Bytes(size), m_Label(label), m_Contexts(std::make_shared<ContextPool>()) {}
+
+Key::~Key() { m_Contexts->Close(); }
 
 std::size_t Key::GetSize() const {
   Enter("IKey::GetSize");
