@@ -49,11 +49,15 @@ std::size_t DataSize(const SAFEARRAY* psa) {
   return size;
 }
 
-// Byte k is m_const_EntropyData[k] XOR (k + 1); made afresh for every value.
-SecureByteVector ComputeIV() {
-  std::unique_ptr<unsigned char[]> pIV(new unsigned char[16]);
-  for (int k = 0; k < 16; ++k) pIV[k] = static_cast<unsigned char>(CommonCrypto::m_const_EntropyData[k] ^ (k + 1));
-  return SecureByteVector(pIV.get(), pIV.get() + 16);
+// Byte k is m_const_EntropyData[k] XOR (k + 1): the same for every value,
+// so made once.
+const SecureByteVector& TheIV() {
+  static const SecureByteVector iv = [] {
+    SecureByteVector bytes(16);
+    for (int k = 0; k < 16; ++k) bytes[k] = static_cast<unsigned char>(CommonCrypto::m_const_EntropyData[k] ^ (k + 1));
+    return bytes;
+  }();
+  return iv;
 }
 
 // The objects of one encryption or decryption, deleted in the order cipher,
@@ -119,15 +123,15 @@ HRESULT CaughtNullObject(const char* sLine) {
 
 // Access, copy in (up to the array's size), unaccess. The result is the
 // unaccess code, or the access code when access failed.
-HRESULT CopyInto(SAFEARRAY* psa, const SecureByteVector& bytes, const char* sOperation) {
+HRESULT CopyInto(SAFEARRAY* psa, const unsigned char* pBytes, std::size_t nBytes, const char* sOperation) {
   void* pvData = NULL;
   HRESULT hr = SafeArrayAccessData(psa, &pvData);
   if (FAILED(hr)) {
     xklogLog(MSTORE_MODULE, 1, "%s SafeArrayAccessData failed", sOperation);
     return hr;
   }
-  const std::size_t n = std::min(bytes.size(), DataSize(psa));
-  if (n > 0) std::memcpy(pvData, bytes.data(), n);
+  const std::size_t n = std::min(nBytes, DataSize(psa));
+  if (n > 0) std::memcpy(pvData, pBytes, n);
   hr = SafeArrayUnaccessData(psa);
   if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "%s SafeArrayUnaccessData failed", sOperation);
   return hr;
@@ -206,20 +210,28 @@ const char* DescriptionOf(VARTYPE vt, unsigned int cDims) {
 // is read with 4-byte elements whatever it was written with.
 struct ReadDescription {
   const char* sText;
+  std::size_t nLength;
   bool bPrefix;
   VARTYPE vt;
   unsigned int cbElement;
 };
+#define MSTORE_TEXT(text) text, sizeof(text) - 1
 constexpr ReadDescription kReadOrder[] = {
-    {"UNKNOWN", false, VT_UNKNOWN, 4}, {"INT", false, VT_INT, 4},        {"I8", false, VT_I8, 8},
-    {"UINT", false, VT_UINT, 4},       {"UI8", false, VT_UI8, 8},        {"UI1", false, VT_UI1, 1},
-    {"UI1_MULTI", true, VT_UI1, 1},    {"I1", false, VT_I1, 1},          {"BSTR", false, VT_BSTR, 0},
+    {MSTORE_TEXT("UNKNOWN"), false, VT_UNKNOWN, 4}, {MSTORE_TEXT("INT"), false, VT_INT, 4},
+    {MSTORE_TEXT("I8"), false, VT_I8, 8},           {MSTORE_TEXT("UINT"), false, VT_UINT, 4},
+    {MSTORE_TEXT("UI8"), false, VT_UI8, 8},         {MSTORE_TEXT("UI1"), false, VT_UI1, 1},
+    {MSTORE_TEXT("UI1_MULTI"), true, VT_UI1, 1},    {MSTORE_TEXT("I1"), false, VT_I1, 1},
+    {MSTORE_TEXT("BSTR"), false, VT_BSTR, 0},
 };
+#undef MSTORE_TEXT
 
+// The first entry that the text matches: exactly, or as a prefix for a
+// prefix entry. Lengths are compared before bytes.
 const ReadDescription* FindDescription(const char* pDescrOut) {
+  const std::size_t nLength = std::strlen(pDescrOut);
   for (const ReadDescription& d : kReadOrder) {
-    const bool match = d.bPrefix ? std::strncmp(pDescrOut, d.sText, std::strlen(d.sText)) == 0
-                                 : std::strcmp(pDescrOut, d.sText) == 0;
+    const bool match = (d.bPrefix ? nLength >= d.nLength : nLength == d.nLength) &&
+                       std::memcmp(pDescrOut, d.sText, d.nLength) == 0;
     if (match) return &d;
   }
   return NULL;
@@ -250,7 +262,7 @@ HRESULT ProtectValue(SAFEARRAY* psaIn, unsigned int cbElement, VARTYPE vt, unsig
 #endif
     pDescr = bstrDescr != NULL ? bstrDescr : multi.c_str();
   }
-  const SecureByteVector iv = ComputeIV();
+  const SecureByteVector& iv = TheIV();
   SecureByteVector plain(pDescr, pDescr + std::strlen(pDescr) + 1);
   plain.insert(plain.end(), flat.begin(), flat.end());
 
@@ -265,7 +277,7 @@ HRESULT ProtectValue(SAFEARRAY* psaIn, unsigned int cbElement, VARTYPE vt, unsig
   }
   xklogLog(MSTORE_MODULE, 0, "CommonCrypto::encryptValue CryptProtectData succeed");
   SAFEARRAY* psaNew = SafeArrayCreateVector(VT_UI1, 0, cipherText.size());
-  const HRESULT hr = CopyInto(psaNew, cipherText, "CommonCrypto::encryptValue");
+  const HRESULT hr = CopyInto(psaNew, cipherText.data(), cipherText.size(), "CommonCrypto::encryptValue");
   if (SUCCEEDED(hr)) psaOut = psaNew;
   return hr;
 }
@@ -277,13 +289,18 @@ HRESULT ReadPlaintext(SecureByteVector& plain, HRESULT hr, SAFEARRAY*& psaOut) {
   // bytes ends the description even when the text has no terminator of its
   // own; it then takes the whole text and the value is empty.
   const char* pDescrOut = NULL;
-  SecureByteVector value;
+  // The value: the bytes after the description's 0x00, read in place.
+  const unsigned char* pValue = NULL;
+  std::size_t nValue = 0;
   const std::size_t plainSize = plain.size();
   if (plainSize > 0) {
     plain.push_back(0);
     pDescrOut = reinterpret_cast<const char*>(plain.data());
     const std::size_t len = std::strlen(pDescrOut);
-    if (len < plainSize) value.assign(plain.begin() + len + 1, plain.begin() + plainSize);
+    if (len < plainSize) {
+      pValue = plain.data() + len + 1;
+      nValue = plainSize - len - 1;
+    }
   }
   xklogLog(MSTORE_MODULE, 0, "CommonCrypto::DecryptValue CryptUnProtectData succeed");
   if (pDescrOut == NULL) {
@@ -295,7 +312,9 @@ HRESULT ReadPlaintext(SecureByteVector& plain, HRESULT hr, SAFEARRAY*& psaOut) {
     xklogLog(MSTORE_MODULE, 1, "CommonCrypto::DecryptValue *pDescrOut unknown");
     return E_FAIL;
   }
-  if (pFound->vt == VT_BSTR) return CommonCrypto::RebuildStringList(value, psaOut, hr);
+  if (pFound->vt == VT_BSTR) {
+    return CommonCrypto::RebuildStringList(SecureByteVector(pValue, pValue + nValue), psaOut, hr);
+  }
 
   SAFEARRAY* psaNew;
   if (pFound->bPrefix) {
@@ -310,12 +329,12 @@ HRESULT ReadPlaintext(SecureByteVector& plain, HRESULT hr, SAFEARRAY*& psaOut) {
     // as an array that could not be made does.
     unsigned long cells = 0;
     const bool bFits = !__builtin_mul_overflow(bounds[0].cElements, bounds[1].cElements, &cells) &&
-                       cells <= value.size();
+                       cells <= nValue;
     psaNew = bFits ? SafeArrayCreate(VT_UI1, 2, bounds) : NULL;
   } else {
-    psaNew = SafeArrayCreateVector(pFound->vt, 0, value.size() / pFound->cbElement);
+    psaNew = SafeArrayCreateVector(pFound->vt, 0, nValue / pFound->cbElement);
   }
-  hr = CopyInto(psaNew, value, "CommonCrypto::DecryptValue");
+  hr = CopyInto(psaNew, pValue, nValue, "CommonCrypto::DecryptValue");
   if (SUCCEEDED(hr)) psaOut = psaNew;
   return hr;
 }
@@ -334,7 +353,7 @@ HRESULT UnprotectValue(SAFEARRAY* psaIn, unsigned int cbElement, IKey* pKey, SAF
   hr = SafeArrayUnaccessData(psaIn);
   if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "CommonCrypto::DecryptValue SafeArrayUnaccessData failed");
 
-  const SecureByteVector iv = ComputeIV();
+  const SecureByteVector& iv = TheIV();
   CipherObjects objects;
   SecureByteVector plain;
   try {
