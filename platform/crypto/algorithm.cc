@@ -1,5 +1,7 @@
 #include "algorithm.h"
 
+#include <typeinfo>
+
 #include "exception.h"
 
 namespace xk {
@@ -18,9 +20,12 @@ const SecureString& Algorithm::GetName() const {
 
 const Algorithm& Algorithm::From(const QX::Framework::IAlgorithm* algorithm, const char* operation) {
   if (algorithm == nullptr) Throw(QX::Framework::kCryptoInvalidArgument, operation, "NULL algorithm");
-  const auto* own = dynamic_cast<const Algorithm*>(algorithm);
-  if (own == nullptr) Throw(QX::Framework::kCryptoInvalidArgument, operation, "algorithm not made by this library");
-  return *own;
+  // The class is final: an object of this library has exactly its type,
+  // which a type comparison tells more cheaply than a cast search.
+  if (typeid(*algorithm) != typeid(Algorithm)) {
+    Throw(QX::Framework::kCryptoInvalidArgument, operation, "algorithm not made by this library");
+  }
+  return static_cast<const Algorithm&>(*algorithm);
 }
 
 }  // namespace crypto
