@@ -1,6 +1,8 @@
 // CInternalAuthStore: the three settings and the additional parameters of a
 // request. Nothing here uses the store or takes its mutex.
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 
 #include "authstore/InternalAuthStore.h"
 #include "common/FctUtils.h"
@@ -89,12 +91,12 @@ HRESULT CInternalAuthStore::GetAdditionalParameters(SAFEARRAY* pAdditionalParame
                                                     SecureString& sAction, SecureString& sAllProcess,
                                                     SecureString& sAllSession, SecureString& sCheckClientCaller,
                                                     SecureString& sBypassPINAlways) {
-  sIsACRPINAlways = "No";
-  sAction = "None";
-  sAllProcess = "False";
-  sAllSession = "False";
-  sCheckClientCaller = "Yes";
-  sBypassPINAlways = "False";
+  sIsACRPINAlways.assign("No", 2);
+  sAction.assign("None", 4);
+  sAllProcess.assign("False", 5);
+  sAllSession.assign("False", 5);
+  sCheckClientCaller.assign("Yes", 3);
+  sBypassPINAlways.assign("False", 5);
   if (pAdditionalParameters == NULL) {
     // The ordinary request without parameters, logged at the failure level.
     xklogLog(MSTORE_MODULE, 1, "CInternalAuthStore::GetAdditionalParameters NULL == pAdditionalParameters");
@@ -108,8 +110,9 @@ HRESULT CInternalAuthStore::GetAdditionalParameters(SAFEARRAY* pAdditionalParame
   }
   SecureString* const outputs[] = {&sIsACRPINAlways, &sAction,           &sAllProcess,
                                    &sAllSession,     &sCheckClientCaller, &sBypassPINAlways};
-  const char* const names[] = {"IsACRPINAlways", "Action",            "AllProcess",
-                               "AllSession",     "CheckClientCaller", "BypassPINAlways"};
+  // The names with their lengths: a name is compared by length first.
+  static constexpr std::string_view names[] = {"IsACRPINAlways", "Action",            "AllProcess",
+                                               "AllSession",     "CheckClientCaller", "BypassPINAlways"};
   const unsigned long ulCount =
       pAdditionalParameters->cDims > 0 ? pAdditionalParameters->rgsabound[0].cElements : 0;
   // Name and value carry over from one pair to the next when a read fails.
@@ -139,7 +142,7 @@ HRESULT CInternalAuthStore::GetAdditionalParameters(SAFEARRAY* pAdditionalParame
     }
     xklogLog(MSTORE_MODULE, 2, "CInternalAuthStore::GetAdditionalParameters %s = %s", sName.c_str(), sValue.c_str());
     for (std::size_t k = 0; k < sizeof names / sizeof names[0]; ++k) {
-      if (sName == names[k]) {
+      if (sName.size() == names[k].size() && std::memcmp(sName.data(), names[k].data(), names[k].size()) == 0) {
         *outputs[k] = sValue;
         break;
       }
