@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "common/Module.h"
+#include "merrowstore/StaticAuthCacheClient.h"
 #include "xk/log.h"
 
 namespace {
@@ -62,4 +63,82 @@ std::vector<SecureString> split(SecureString const& s, wchar_t cSeparator) {
   }
   tokens.push_back(s.substr(start));
   return tokens;
+}
+
+// ---- Packing for the PIN client ---------------------------------------------
+
+HRESULT GetSafeArrayFromParameterStruct(QX::AuthStore::AuthParameter* pAdditionalParameters, unsigned long ulCount,
+                                        SAFEARRAY*& psaParameters) {
+  xklogLog(MSTORE_MODULE, 8, "GetSafeArrayFromParameterStruct");
+  HRESULT hr = S_OK;
+  if (pAdditionalParameters == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "GetSafeArrayFromParameterStruct: NULL == pAdditionalParameters");
+    hr = E_FAIL;
+  } else if (ulCount == 0) {
+    xklogLog(MSTORE_MODULE, 1, "GetSafeArrayFromParameterStruct: ulCount == 0");
+    hr = E_FAIL;
+  } else {
+    // Stored at once and not tested: a failed creation shows as a failed put.
+    psaParameters = SafeArrayCreateVector(VT_BSTR, 0, 2 * ulCount);
+    int index = 0;
+    for (unsigned long i = 0; i < ulCount && SUCCEEDED(hr); ++i) {
+      hr = SafeArrayPutElement(psaParameters, &index, pAdditionalParameters[i].bstrName);
+      if (FAILED(hr)) break;
+      ++index;
+      hr = SafeArrayPutElement(psaParameters, &index, pAdditionalParameters[i].bstrValue);
+      ++index;
+    }
+    if (FAILED(hr)) xklogLog(MSTORE_MODULE, 1, "GetSafeArrayFromParameterStruct: SafeArrayPutElement failed");
+  }
+  xklogLog(MSTORE_MODULE, 16, "GetSafeArrayFromParameterStruct: hr = %x", static_cast<unsigned int>(hr));
+  return hr;
+}
+
+HRESULT GetBSTRFromSafeArrayBytes(SAFEARRAY* psaValue, BSTR& bstrValue) {
+  xklogLog(MSTORE_MODULE, 8, "GetBSTRFromSafeArrayBytes");
+  HRESULT hr = S_OK;
+  void* pvData = NULL;
+  if (psaValue == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "GetBSTRFromSafeArrayBytes psaValue == NULL");
+    hr = E_FAIL;
+  } else if (psaValue->rgsabound[0].cElements == 0) {
+    // The test is on the count; the text names the byte buffer.
+    xklogLog(MSTORE_MODULE, 1, "GetBSTRFromSafeArrayBytes byarValue == NULL");
+    hr = E_FAIL;
+  } else if (FAILED(SafeArrayAccessData(psaValue, &pvData))) {
+    // E_FAIL, not the service's code.
+    xklogLog(MSTORE_MODULE, 1, "GetBSTRFromSafeArrayBytes SafeArrayAccessData failed");
+    hr = E_FAIL;
+  } else {
+    const unsigned long ulBytes = psaValue->rgsabound[0].cElements;
+    std::vector<char> buffer(static_cast<const char*>(pvData), static_cast<const char*>(pvData) + ulBytes);
+    SafeArrayUnaccessData(psaValue);
+    // The length is cut to 32 bits; the allocation's answer is not tested.
+    bstrValue = SysAllocStringByteLen(buffer.data(), static_cast<unsigned int>(ulBytes));
+  }
+  xklogLog(MSTORE_MODULE, 16, "GetBSTRFromSafeArrayBytes hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
+}
+
+HRESULT GetSafeArrayBytesFromBSTR(BSTR bstrValue, SAFEARRAY*& psaValue) {
+  xklogLog(MSTORE_MODULE, 8, "GetSafeArrayBytesFromBSTR");
+  HRESULT hr = S_OK;
+  if (bstrValue == NULL) {
+    xklogLog(MSTORE_MODULE, 1, "GetSafeArrayBytesFromBSTR bstrValue == NULL");
+    hr = E_FAIL;
+  } else {
+    const unsigned int nBytes = SysStringByteLen(bstrValue);
+    psaValue = SafeArrayCreateVector(VT_UI1, 0, nBytes);
+    void* pvData = NULL;
+    if (FAILED(SafeArrayAccessData(psaValue, &pvData))) {
+      // E_FAIL, not the service's code; the new array stays in psaValue.
+      xklogLog(MSTORE_MODULE, 1, "GetSafeArrayBytesFromBSTR SafeArrayAccessData failed");
+      hr = E_FAIL;
+    } else {
+      if (nBytes != 0) std::memcpy(pvData, bstrValue, nBytes);
+      SafeArrayUnaccessData(psaValue);
+    }
+  }
+  xklogLog(MSTORE_MODULE, 16, "GetSafeArrayBytesFromBSTR hr = 0x%x", static_cast<unsigned int>(hr));
+  return hr;
 }

@@ -10,7 +10,8 @@
 #include "xk/oleauto.h"
 #include "xk/secure_types.h"
 
-// Identifier conversions between a BSTR and a SecureString, and the path cutter.
+// Identifier conversions between a BSTR and a SecureString, the path cutter, and
+// the packing of PIN parameters and byte values for the PIN client.
 // The library has no wide strings: "wstring" and the wchar_t separator are names
 // only, every character is one byte.
 
@@ -55,6 +56,39 @@ inline bool SameText(const SecureString& a, const SecureString& b) {
   std::memcpy(&wb, pb, 8);
   return wa == wb;
 }
+
+namespace QX {
+namespace AuthStore {
+struct AuthParameter;
+}  // namespace AuthStore
+}  // namespace QX
+
+// Packing between the PIN client's shapes and the PIN store's. Each logs its
+// name on entry and its result on exit.
+
+// Builds a VT_BSTR vector of 2 * ulCount copies, lower bound 0: the name of
+// record 0, its value, the name of record 1, and so on, and stores it in
+// psaParameters as soon as it is created. A NULL pAdditionalParameters or a
+// ulCount of 0 gives E_FAIL and creates nothing. The first element that can't
+// be put ends the packing with SafeArrayPutElement's code; the partly filled
+// array stays in psaParameters. Whatever array is left there is the caller's,
+// also after a failure. The records stay the caller's.
+MERROWSTORE_EXPORT HRESULT GetSafeArrayFromParameterStruct(QX::AuthStore::AuthParameter* pAdditionalParameters,
+                                                           unsigned long ulCount, SAFEARRAY*& psaParameters);
+
+// A new BSTR in bstrValue holding the bytes of psaValue, as many as its first
+// bound counts (meant for VT_UI1 vectors: the element size is not looked at).
+// NUL bytes are kept. A NULL array, an array of 0 elements and an array whose
+// data can't be reached give E_FAIL, with bstrValue untouched. The BSTR is the
+// caller's.
+MERROWSTORE_EXPORT HRESULT GetBSTRFromSafeArrayBytes(SAFEARRAY* psaValue, BSTR& bstrValue);
+
+// A new VT_UI1 vector in psaValue holding the bytes of bstrValue (its byte
+// length, NUL bytes included). A NULL bstrValue gives E_FAIL; an empty one a
+// vector of 0 elements and S_OK, which GetBSTRFromSafeArrayBytes refuses. If
+// the new array's data can't be reached the result is E_FAIL and the array,
+// empty, stays in psaValue. Whatever array is left there is the caller's.
+MERROWSTORE_EXPORT HRESULT GetSafeArrayBytesFromBSTR(BSTR bstrValue, SAFEARRAY*& psaValue);
 
 // The same two conversions as static members, with the same results and log
 // texts. The value protection code uses CFctUtils::BSTR2wstring.

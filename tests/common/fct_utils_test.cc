@@ -1,9 +1,10 @@
-// Identifier conversions and the path cutter.
+// Identifier conversions, the path cutter and the PIN client's packing.
 
 #include "common/FctUtils.h"
 
 #include <gtest/gtest.h>
 
+#include "merrowstore/StaticAuthCacheClient.h"
 #include "xk/testsupport.h"
 
 namespace {
@@ -45,8 +46,9 @@ TEST(SameText, EveryByteCounts) {
   }
 }
 
-TEST(Conversions, BstrToStringStopsAtNulAndRefusesEmpty) {
-  xk::test::LogCapture log;
+// To a string, a BSTR stops at its first NUL and an empty one is refused; to a
+// BSTR, a string always goes, even when it can't come back.
+TEST(Conversions, BothWays) {
   SecureString out("kept");
   BSTR empty = SysAllocString("");
   EXPECT_EQ(BSTR2wstring(empty, out), E_INVALIDARG);
@@ -57,38 +59,102 @@ TEST(Conversions, BstrToStringStopsAtNulAndRefusesEmpty) {
     EXPECT_EQ(BSTR2wstring(const_cast<char*>("abc"), out), E_INVALIDARG);
   }
   EXPECT_EQ(out, "kept");
-  EXPECT_EQ(log.Count("BSTR2wstring sBSTRCompartmentId length = 0"), 3u);
-  EXPECT_TRUE(log.Contains(1, "BSTR2wstring sBSTRCompartmentId length = 0"));
-
   BSTR b = SysAllocStringByteLen("ab\0cd", 5);
   EXPECT_EQ(CFctUtils::BSTR2wstring(b, out), S_OK);
   EXPECT_EQ(out, "ab");
-  EXPECT_TRUE(log.Contains(0, "BSTR2wstring sBSTRCompartmentId = ab"));
-  EXPECT_TRUE(log.Contains(0, "BSTR2wstring sCompartmentId = ab"));
   EXPECT_EQ(BSTR2wstring(const_cast<char*>("plain/buffer"), out), S_OK);
   EXPECT_EQ(out, "plain/buffer");
   SysFreeString(b);
   SysFreeString(empty);
-}
 
-TEST(Conversions, StringToBstrNeverFails) {
-  xk::test::LogCapture log;
-  BSTR b = nullptr;
   EXPECT_EQ(wstring2BSTR(SecureString("a\0b", 3), b), S_OK);
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(SysStringLen(b), 1u);
-  EXPECT_TRUE(log.Contains(0, "wstring2BSTR sCompartmentId = a"));
-  EXPECT_TRUE(log.Contains(0, "wstring2BSTR sBSTRCompartmentId = a"));
   SysFreeString(b);
-  // An empty string goes out but doesn't come back.
   EXPECT_EQ(CFctUtils::wstring2BSTR(SecureString(), b), S_OK);
-  SecureString back;
-  EXPECT_EQ(BSTR2wstring(b, back), E_INVALIDARG);
+  EXPECT_EQ(BSTR2wstring(b, out), E_INVALIDARG);
   SysFreeString(b);
   xk::test::FaultInjector faults;
   faults.FailWithNull("SysAllocString");
   EXPECT_EQ(wstring2BSTR(SecureString("id"), b), S_OK);
   EXPECT_EQ(b, nullptr);
+}
+
+std::string Element(SAFEARRAY* psa, int i) {
+  BSTR b = nullptr;
+  SafeArrayGetElement(psa, &i, &b);
+  std::string text = b == nullptr ? "<null>" : std::string(b, SysStringByteLen(b));
+  SysFreeString(b);
+  return text;
+}
+
+TEST(Packing, RecordsGoOutNameThenValueAndAFailedPutLeavesThePartialArray) {
+  xk::test::LogCapture log;
+  char n0[] = "IsACRPINAlways", v0[] = "Yes", n1[] = "Action", v1[] = "Authenticate", n2[] = "X", v2[] = "";
+  QX::AuthStore::AuthParameter records[] = {{n0, v0}, {n1, v1}, {n2, v2}};
+  SAFEARRAY* psa = nullptr;
+  ASSERT_EQ(GetSafeArrayFromParameterStruct(records, 3, psa), S_OK);
+  ASSERT_EQ(psa->vt, VT_BSTR);
+  std::vector<std::string> texts;
+  for (int i = 0; i < static_cast<int>(psa->rgsabound[0].cElements); ++i) texts.push_back(Element(psa, i));
+  EXPECT_EQ(texts, (std::vector<std::string>{"IsACRPINAlways", "Yes", "Action", "Authenticate", "X", ""}));
+  SafeArrayDestroy(psa);
+  psa = nullptr;
+  EXPECT_EQ(GetSafeArrayFromParameterStruct(nullptr, 3, psa), E_FAIL);
+  EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 0, psa), E_FAIL);
+  EXPECT_EQ(psa, nullptr);
+  xk::test::FaultInjector faults;
+  faults.FailWithCode("SafeArrayPutElement", E_OUTOFMEMORY, 2);  // the value of record 0
+  EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 3, psa), E_OUTOFMEMORY);
+  ASSERT_NE(psa, nullptr);
+  EXPECT_EQ(Element(psa, 0), "IsACRPINAlways");
+  EXPECT_EQ(Element(psa, 1), "<null>");
+  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
+  for (const char* text : {"GetSafeArrayFromParameterStruct: NULL == pAdditionalParameters",
+                           "GetSafeArrayFromParameterStruct: ulCount == 0",
+                           "GetSafeArrayFromParameterStruct: SafeArrayPutElement failed"})
+    EXPECT_TRUE(log.Contains(1, text)) << text;
+}
+
+TEST(Packing, BytesSurviveBothWaysButAnEmptyValueDoesNotComeBack) {
+  xk::test::LogCapture log;
+  const std::string bytes("\0a\0b\0", 5);
+  BSTR in = SysAllocStringByteLen(bytes.data(), 5), back = nullptr;
+  SAFEARRAY* psa = nullptr;
+  ASSERT_EQ(GetSafeArrayBytesFromBSTR(in, psa), S_OK);
+  ASSERT_EQ(psa->vt, VT_UI1);
+  EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), psa->rgsabound[0].cElements), bytes);
+  ASSERT_EQ(GetBSTRFromSafeArrayBytes(psa, back), S_OK);
+  EXPECT_EQ(std::string(back, SysStringByteLen(back)), bytes);
+  SysFreeString(back);
+  SafeArrayDestroy(psa);
+  SysFreeString(in);
+
+  in = SysAllocString("");
+  psa = nullptr;
+  back = nullptr;
+  ASSERT_EQ(GetSafeArrayBytesFromBSTR(in, psa), S_OK);
+  EXPECT_EQ(psa->rgsabound[0].cElements, 0u);
+  EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), E_FAIL);
+  EXPECT_TRUE(log.Contains(1, "GetBSTRFromSafeArrayBytes byarValue == NULL"));
+  SafeArrayDestroy(psa);
+  psa = nullptr;
+  EXPECT_EQ(GetSafeArrayBytesFromBSTR(nullptr, psa), E_FAIL);
+  EXPECT_EQ(GetBSTRFromSafeArrayBytes(nullptr, back), E_FAIL);
+  EXPECT_EQ(back, nullptr);
+
+  // A failed access gives E_FAIL, not the service's code; the new array stays.
+  SysFreeString(in);
+  in = SysAllocString("x");
+  xk::test::FaultInjector faults;
+  faults.FailWithCode("SafeArrayAccessData", E_UNEXPECTED, 1, true);
+  EXPECT_EQ(GetSafeArrayBytesFromBSTR(in, psa), E_FAIL);
+  ASSERT_NE(psa, nullptr);
+  EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), E_FAIL);
+  EXPECT_EQ(back, nullptr);
+  faults.Reset();
+  SafeArrayDestroy(psa);
+  SysFreeString(in);
 }
 
 }  // namespace
