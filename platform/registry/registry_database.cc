@@ -147,12 +147,16 @@ long RegistryDatabase::Open(const std::string& path) {
   if (status == ERROR_SUCCESS) status = CheckSchema();
   if (status == ERROR_SUCCESS) status = PrepareStatements();
   if (status != ERROR_SUCCESS) Close();
+  if (status == ERROR_SUCCESS) m_Counter = MapChangeCounter(path);
   return status;
 }
 
 void RegistryDatabase::Close() {
   ForgetReads(true);
   m_Memo.active = false;
+  // An open batch's transaction ends here unwritten.
+  m_BatchWrote = false;
+  m_Counter = nullptr;
   for (sqlite3_stmt*& stmt : m_Stmts) {
     sqlite3_finalize(stmt);
     stmt = nullptr;
@@ -269,18 +273,42 @@ long RegistryDatabase::BeginBatch(bool write) {
 long RegistryDatabase::CommitBatch() {
   ForgetReads(true);
   m_Memo.active = false;
+  const bool wrote = m_BatchWrote;
+  m_BatchWrote = false;
   // Some failures (I/O, a full disk, no memory) end the transaction at once:
   // what the batch wrote before is lost.
   if (!InTransaction()) return ERROR_REGISTRY_IO_FAILED;
+  if (wrote) MoveCounter();
   long status = Statement(Stmt(kCommit)).Run();
   if (status != ERROR_SUCCESS) RollbackBatch();
+  if (wrote) MoveCounter();
   return status;
 }
 
 void RegistryDatabase::RollbackBatch() {
   ForgetReads(true);
   m_Memo.active = false;
+  m_BatchWrote = false;
   if (InTransaction()) Statement(Stmt(kRollback)).Run();
+}
+
+RegistryDatabase::ChangeNote::ChangeNote(RegistryDatabase& db) : m_Db(db), m_Moves(!db.InTransaction()) {
+  if (m_Moves) {
+    m_Db.MoveCounter();
+  } else {
+    m_Db.m_BatchWrote = true;
+  }
+}
+
+RegistryDatabase::ChangeNote::~ChangeNote() {
+  if (m_Moves) m_Db.MoveCounter();
+}
+
+void RegistryDatabase::MoveCounter() {
+  // Sequentially consistent: the move after a commit is ordered after every
+  // store of the commit, so a reader that loads the new value reads the new
+  // state; the move before a write is ordered before its first store.
+  if (m_Counter != nullptr) m_Counter->fetch_add(1, std::memory_order_seq_cst);
 }
 
 RegistryDatabase::BatchMemo* RegistryDatabase::Memo() {
@@ -314,6 +342,7 @@ long RegistryDatabase::CreateKey(const std::string& path, std::size_t baseLength
   if (status != ERROR_FILE_NOT_FOUND) return status;
 
   MemoPause pause(*this, false);
+  ChangeNote change(*this);
   Transaction tx = Tx(kBeginWrite);
   if ((status = tx.Begin()) != ERROR_SUCCESS) return status;
   std::int64_t parent = 0;
@@ -356,6 +385,7 @@ long RegistryDatabase::SetValue(std::string_view path, std::string_view name, un
   const bool byId = memo != nullptr && memo->hasKey && memo->keyPath == path;
   const std::int64_t keyId = byId ? memo->keyId : 0;
   MemoPause pause(*this, false);
+  ChangeNote change(*this);
   // A single write statement takes the write lock (waiting in the busy
   // handler) before it reads, like BEGIN IMMEDIATE, and is its own transaction.
   Statement set(Stmt(byId ? kSetValueById : kSetValue));
@@ -464,6 +494,7 @@ long RegistryDatabase::ListValuesOf(std::string_view path, std::vector<ValueInfo
 
 long RegistryDatabase::DeleteKey(std::string_view path) {
   MemoPause pause(*this, true);
+  ChangeNote change(*this);
   Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;
@@ -490,6 +521,7 @@ long RegistryDatabase::DeleteKey(std::string_view path) {
 
 long RegistryDatabase::DeleteTree(std::string_view path) {
   MemoPause pause(*this, true);
+  ChangeNote change(*this);
   Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;
@@ -520,6 +552,7 @@ long RegistryDatabase::DeleteTree(std::string_view path) {
 
 long RegistryDatabase::DeleteValue(std::string_view path, std::string_view name) {
   MemoPause pause(*this, false);
+  ChangeNote change(*this);
   Transaction tx = Tx(kBeginWrite);
   long status = tx.Begin();
   std::int64_t id = 0;

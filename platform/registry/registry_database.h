@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "change_stamp.h"
 #include "sql_statement.h"
 
 namespace xk {
@@ -40,6 +41,11 @@ class RegistryDatabase {
   long Open(const std::string& path);
   void Close();
   bool IsOpen() const { return m_Db != nullptr; }
+  // The open file's change counter (xk/registry_stamp.h), or nullptr when the
+  // file is closed or its stamp could not be mapped. Every operation below
+  // that writes moves it before and after its own transaction; inside a
+  // batch's transaction the batch's commit moves it instead.
+  ChangeCounter* Counter() const { return m_Counter; }
 
   // ERROR_SUCCESS or ERROR_FILE_NOT_FOUND.
   long KeyExists(std::string_view path);
@@ -112,6 +118,22 @@ class RegistryDatabase {
     RegistryDatabase& m_Db;
     bool m_Active;
   };
+  // Moves the change counter before a write and again after it (when the
+  // write's transaction, committed or not, is over); inside a batch's
+  // transaction it only notes that the batch wrote.
+  class ChangeNote {
+   public:
+    explicit ChangeNote(RegistryDatabase& db);
+    ~ChangeNote();
+    ChangeNote(const ChangeNote&) = delete;
+    ChangeNote& operator=(const ChangeNote&) = delete;
+
+   private:
+    RegistryDatabase& m_Db;
+    bool m_Moves;
+  };
+  void MoveCounter();
+
   // The memo while a batch's transaction is open, else nullptr.
   BatchMemo* Memo();
   // Forgets the listing and the value (the value's bytes are wiped); with
@@ -163,6 +185,8 @@ class RegistryDatabase {
   sqlite3* m_Db = nullptr;
   std::array<sqlite3_stmt*, kSqlCount> m_Stmts{};
   BatchMemo m_Memo;
+  ChangeCounter* m_Counter = nullptr;
+  bool m_BatchWrote = false;  // a write ran in the open batch's transaction
 };
 
 // Now, in 100 ns units since 1601-01-01 UTC.

@@ -6,6 +6,7 @@
 
 #include "database_location.h"
 #include "xk/registry.h"
+#include "xk/registry_stamp.h"
 
 namespace xk {
 namespace registry {
@@ -49,6 +50,7 @@ long RegistryService::Session::Database(RegistryDatabase** database) {
   if (!db.IsOpen()) {
     long status = db.Open(m_Service.PathLocked());
     if (status != ERROR_SUCCESS) return status;
+    m_Service.m_Current.store(db.Counter(), std::memory_order_release);
   }
   *database = &db;
   return ERROR_SUCCESS;
@@ -78,6 +80,10 @@ void RegistryService::SetDatabasePath(const char* path) {
 }
 
 void RegistryService::CloseDatabase() {
+  // From here the next file may be another one: nothing read from this one
+  // may be taken for it.
+  m_Current.store(nullptr, std::memory_order_release);
+  m_Closes.fetch_add(1, std::memory_order_acq_rel);
   if (m_BatchOpen) {
     m_BatchOpen = false;
     m_BatchLost = true;
@@ -122,6 +128,23 @@ long RegistryService::EndBatch(long fault) {
   std::unique_lock<xk::ReentrantMutex> hold(m_Mutex, std::adopt_lock);
   if (--tBatchDepth > 0) return fault;
   return FinishBatch(fault);
+}
+
+ChangeView CurrentChangeView() noexcept {
+  ChangeView view;
+  // A thread in a batch reads its own uncommitted writes and an older state
+  // of the file: nothing it reads may be kept under the current count.
+  RegistryService* service = gService.load(std::memory_order_acquire);
+  if (service == nullptr || tBatchDepth != 0) return view;
+  // The closes first: a close between the two loads shows in SameFileSince.
+  view.closes = service->Closes();
+  view.counter = service->CurrentCounter();
+  return view;
+}
+
+bool SameFileSince(const ChangeView& view) noexcept {
+  RegistryService* service = gService.load(std::memory_order_acquire);
+  return service != nullptr && service->Closes() == view.closes;
 }
 
 }  // namespace registry

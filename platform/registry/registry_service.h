@@ -1,6 +1,7 @@
 #ifndef XK_REGISTRY_REGISTRY_SERVICE_H
 #define XK_REGISTRY_REGISTRY_SERVICE_H
 
+#include <atomic>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -59,6 +60,10 @@ class RegistryService {
   // Chooses another file (nullptr: the default, read again from the
   // environment) and closes the connection.
   void SetDatabasePath(const char* path);
+  // The open file's change counter, nullptr while no file is open, and the
+  // number of closes so far (xk/registry_stamp.h). Lock-free.
+  const ChangeCounter* CurrentCounter() const { return m_Current.load(std::memory_order_acquire); }
+  std::uint64_t Closes() const { return m_Closes.load(std::memory_order_acquire); }
 
  private:
   RegistryService() = default;
@@ -81,6 +86,10 @@ class RegistryService {
   HandleTable m_Handles;           // guarded by m_Mutex
   const std::string* m_Path = nullptr;  // guarded by m_Mutex; nullptr: default not read yet
   std::deque<std::string> m_Paths;      // guarded by m_Mutex; every path ever chosen
+  // m_Database.Counter() while the connection is open, else nullptr; written
+  // under m_Mutex, read without it.
+  std::atomic<const ChangeCounter*> m_Current{nullptr};
+  std::atomic<std::uint64_t> m_Closes{0};  // written under m_Mutex, read without it
 };
 
 }  // namespace registry
