@@ -1,10 +1,13 @@
 #include "xk/settings.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
 #include "xk/fault_point.h"
 #include "xk/registry.h"
+#include "xk/registry_stamp.h"
 
 using QX::Framework::XKData;
 
@@ -66,6 +69,47 @@ long ReadRegistry(const SecureString& name, XKData& value) {
   }
 }
 
+// Whether a registry answer is the file's to give, so that it holds as long as
+// the file is unchanged: a value, no value, or a value no setting can have. A
+// failure of the registry itself (busy, I/O, a value that grew between the
+// size and the read) is not kept.
+bool Keepable(long rc) {
+  return rc == ERROR_SUCCESS || rc == ERROR_FILE_NOT_FOUND || rc == ERROR_INVALID_DATA ||
+         rc == ERROR_INVALID_DATATYPE;
+}
+
+// One answer of GetSettingValue, kept by the thread that read it.
+struct Kept {
+  const std::atomic<std::uint64_t>* counter = nullptr;  // the database file's; nullptr: slot free
+  std::uint64_t stamp = 0;  // the counter, loaded before the registry was read
+  SecureString name;
+  HRESULT hr = S_OK;
+  bool assigns = false;  // whether the answer writes `value`
+  XKData value;
+};
+
+// Each thread keeps its own answers, so keeping one costs no lock and no
+// thread ever sees another's half-written entry. A handful of slots holds the
+// library's three settings; past that the oldest slot is taken over.
+struct ThreadKept {
+  static constexpr std::size_t kSlots = 8;
+  Kept slots[kSlots];
+  std::size_t next = 0;
+
+  // The slot of `name` from the file of `counter`, or a slot to fill (freed).
+  Kept& SlotFor(const std::atomic<std::uint64_t>* counter, const SecureString& name) {
+    for (Kept& slot : slots) {
+      if (slot.counter == counter && slot.name == name) return slot;
+    }
+    Kept& slot = slots[next];
+    next = (next + 1) % kSlots;
+    slot.counter = nullptr;
+    return slot;
+  }
+};
+
+thread_local ThreadKept tKept;
+
 }  // namespace
 
 const char* RegistryKey() { return kKey; }
@@ -115,14 +159,45 @@ HRESULT GetSettingValue(const SecureString& name, XKData& value, void* reserved)
   xk::fault::Outcome fault = xk::fault::Check("GetSettingValue");
   if (fault.kind != xk::fault::Kind::kNone) return static_cast<HRESULT>(fault.code ? fault.code : E_FAIL);
   if (name.empty() || reserved != nullptr) return E_INVALIDARG;
+  // An answer is kept with the database file's change counter as it was
+  // BEFORE the registry was read, and given again while the counter still
+  // holds that value; a write that races with the read has moved it by then.
+  // Nothing is kept or given while a fault is armed, so that a fault armed on
+  // a registry call reaches the read, call for call, as without keeping.
+  xk::registry::ChangeView view;
+  if (!xk::fault::gAnyArmed.load(std::memory_order_relaxed)) view = xk::registry::CurrentChangeView();
+  const std::atomic<std::uint64_t>* counter = view.counter;
+  xk::settings::Kept* slot = nullptr;
+  std::uint64_t stamp = 0;
+  if (counter != nullptr) {
+    stamp = counter->load(std::memory_order_acquire);
+    slot = &xk::settings::tKept.SlotFor(counter, name);
+    if (slot->counter == counter && slot->stamp == stamp) {
+      if (slot->assigns) value = slot->value;
+      return slot->hr;
+    }
+  }
   XKData found;
   long rc = xk::settings::ReadRegistry(name, found);
-  if (rc == ERROR_SUCCESS) {
-    value = found;
-    return S_OK;
+  HRESULT hr = S_OK;
+  bool assigns = true;
+  if (rc != ERROR_SUCCESS) {
+    assigns = xk::settings::GetDefault(name, found);
+    if (rc != ERROR_FILE_NOT_FOUND) {
+      hr = E_FAIL;
+    } else if (!assigns) {
+      hr = static_cast<HRESULT>(0x80070002u);
+    }
   }
-  bool hasDefault = xk::settings::GetDefault(name, found);
-  if (hasDefault) value = found;
-  if (rc != ERROR_FILE_NOT_FOUND) return E_FAIL;
-  return hasDefault ? S_OK : static_cast<HRESULT>(0x80070002u);
+  if (assigns) value = found;
+  // A switch to another file during the read may have sent it elsewhere.
+  if (slot != nullptr && xk::settings::Keepable(rc) && xk::registry::SameFileSince(view)) {
+    slot->counter = counter;
+    slot->stamp = stamp;
+    slot->name = name;
+    slot->hr = hr;
+    slot->assigns = assigns;
+    slot->value = found;
+  }
+  return hr;
 }
