@@ -14,7 +14,7 @@ using namespace treetest;
 
 class MirrorTrees : public HistoryTest {
  protected:
-  xk::test::Sandbox m_Sandbox;
+  Sandbox m_Sandbox;
 };
 
 // The level 2 "hr1" lines of one class, "<operation> <code>".
@@ -55,10 +55,6 @@ TEST_F(MirrorTrees, EachOperationReachesTheMirrorOnlyWhereItShould) {
     for (const auto& [name, call] : operations) {
       LogCapture log;
       const HRESULT hr = call(*tree);
-      EXPECT_TRUE(log.Contains(8, sClass + "::" + name)) << sClass << " " << name;
-      char exit[128];
-      std::snprintf(exit, sizeof exit, "%s::%s hr = 0x%x", sClass.c_str(), name.c_str(), static_cast<unsigned>(hr));
-      EXPECT_TRUE(log.Contains(16, exit)) << exit;
       const bool bRemoval = name == "RemoveData" || name == "RemoveCompartment" || name == "FlushTree";
       const Strings mirrored = MirrorLines(log, sClass);
       EXPECT_EQ(mirrored.size(), sClass == "CDumpTree" || bRemoval ? 1u : 0u) << sClass << " " << name;
@@ -107,8 +103,8 @@ TEST_F(MirrorTrees, TheDumpTreeAnswersWithTheMemoryTreeAndSharesItsOutputsWithTh
   // the registry raise each descendant once.
   Put(dump, "a/b/c", "d");
   EXPECT_EQ(dump.RemoveCompartment(S("a"), 0, 0), S_OK);
-  EXPECT_EQ(Versions("D/a/b"), V({2, 2}));
-  EXPECT_EQ(Versions("D/a/b/c"), V({2, 2}));
+  EXPECT_EQ(Versions("D/a/b"), V(2, 2));
+  EXPECT_EQ(Versions("D/a/b/c"), V(2, 2));
   EXPECT_EQ(dump.FlushTree(0), S_OK);
   EXPECT_EQ(Stored(dump, "s/c", "d"), Strings());
   EXPECT_EQ(Stored(registry, "s/c", "d"), Strings());
@@ -120,7 +116,7 @@ TEST_F(MirrorTrees, TheDuplicateTreeRemovesOnceAndReportsAFlushThatWorkedAsFaile
   LogCapture log;
   Put(duplicate, "a/b/c", "d");
   EXPECT_EQ(duplicate.RemoveCompartment(S("a/b"), 0, 0), S_OK);
-  EXPECT_EQ(Versions("R/a/b/c"), V({1, 1}));  // the first tree updates, the mirror finds nothing
+  EXPECT_EQ(Versions("R/a/b/c"), V(1, 1));  // the first tree updates, the mirror finds nothing
   EXPECT_EQ(duplicate.RemoveData(S("a"), S("x"), 0), E_INVALIDARG);  // the first tree's failure, unmirrored
   EXPECT_EQ(MirrorLines(log, "CDuplicateRegistryTree"), Strings{"RemoveCompartment 80070057"});
   EXPECT_EQ(duplicate.FlushTree(0), E_FAIL);

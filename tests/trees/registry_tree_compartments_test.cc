@@ -42,26 +42,15 @@ class RegistryCompartments : public HistoryTest {
     EXPECT_EQ(m_Tree.ListCompartmentIds(S(id), &psa, 0), S_OK);
     return Take(psa);
   }
-  // {compartment version, content version, cached}; 9 where nothing was written.
-  std::vector<long> Cached(const std::string& id, HRESULT expected = S_OK) {
-    unsigned long compartment = 9, content = 9;
-    signed char cached = 9;
-    EXPECT_EQ(m_Tree.IsCompartmentCached(S(id), &compartment, &content, &cached, 0), expected) << id;
-    return {static_cast<long>(compartment), static_cast<long>(content), cached};
-  }
-  typedef std::vector<long> C;
 
-  xk::test::Sandbox m_Sandbox;
+  Sandbox m_Sandbox;
   CRegistryTree m_Tree{S("T"), 0};
 };
 
 TEST_F(RegistryCompartments, CreateListProbeAndFlush) {
-  LogCapture log;
   SAFEARRAY* psa = nullptr;
   EXPECT_EQ(m_Tree.ListCompartmentIds(S("/"), &psa, 0), E_FAIL) << "never created";
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::ListCompartmentIds qxRegListKeys failed rc = 2"));
   EXPECT_EQ(m_Tree.ListAllCompartmentIds(&psa), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::ListAllCompartmentIds RegListTree failed"));
   EXPECT_EQ(psa, nullptr);
   Create({"s/a/b", "s/a/b", "s/Z", "s/B"});
   EXPECT_EQ(Children("/"), Strings({"s"}));
@@ -70,21 +59,16 @@ TEST_F(RegistryCompartments, CreateListProbeAndFlush) {
   EXPECT_EQ(m_Tree.ListCompartmentIds(S("s"), nullptr, 0), E_FAIL);
 
   UpdateHistoryTree(S("T/s/a"), -1);
-  EXPECT_EQ(Cached("/"), C({1, 1, 1})) << "the tree's key exists";
-  EXPECT_EQ(Cached("s/a"), C({1, 1, 1}));
-  EXPECT_EQ(Cached("s/a/b"), C({0, 0, 1}));
-  EXPECT_EQ(Cached("q"), C({0, 0, 0}));
-  EXPECT_TRUE(log.Contains(2, "CRegistryTree::IsCompartmentCached RegOpenKeyEx failed : lRet = 2 dwLastError = 2"));
+  EXPECT_EQ(Cached(m_Tree, "/"), C({1, 1, 1})) << "the tree's key exists";
+  EXPECT_EQ(Cached(m_Tree, "s/a"), C({1, 1, 1}));
+  EXPECT_EQ(Cached(m_Tree, "s/a/b"), C({0, 0, 1}));
+  EXPECT_EQ(Cached(m_Tree, "q"), C({0, 0, 0}));
   unsigned long v = 9;
-  EXPECT_EQ(m_Tree.IsCompartmentCached(S("s"), nullptr, nullptr, nullptr, 0), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::IsCompartmentCached pulCompartmentVersion == NULL")) << "checked first";
   EXPECT_EQ(m_Tree.IsCompartmentCached(S("s"), &v, &v, nullptr, 0), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::IsCompartmentCached pbCached == NULL"));
 
   EXPECT_EQ(m_Tree.FlushTree(0), S_OK);
-  EXPECT_EQ(Cached("/"), C({1, 1, 0})) << "versions outlive the keys";
+  EXPECT_EQ(Cached(m_Tree, "/"), C({1, 1, 0})) << "versions outlive the keys";
   EXPECT_EQ(m_Tree.FlushTree(0), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::FlushTree qxRegDeleteSubKey failed"));
 }
 
 TEST_F(RegistryCompartments, RemovalRaisesDescendantsDeepestFirst) {
@@ -93,9 +77,7 @@ TEST_F(RegistryCompartments, RemovalRaisesDescendantsDeepestFirst) {
   DropHistory();
   gHistoryTree = history;
   Create({"a/b/c", "a/d", "ab", "z"});
-  SAFEARRAY* v = MakeValue({"x"});
-  EXPECT_EQ(m_Tree.SetData(S("a/b"), S("v"), v, 0, 0), S_OK);
-  SafeArrayDestroy(v);
+  Put(m_Tree, "a/b", "v");
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
   EXPECT_EQ(history->m_Writes, Strings({"T/a/b/c CompartmentVersion", "T/a/b/c ContentVersion",
                                         "T/a/b CompartmentVersion", "T/a/b ContentVersion",
@@ -106,13 +88,9 @@ TEST_F(RegistryCompartments, RemovalRaisesDescendantsDeepestFirst) {
   EXPECT_EQ(m_Tree.RemoveCompartment(S("q"), 0, 0), S_OK);
   EXPECT_EQ(m_Tree.RemoveCompartment(S("z"), 1, 0), S_OK);
   EXPECT_EQ(history->m_Writes, Strings()) << "no flag, or no descendant: no counter";
-  EXPECT_TRUE(log.Contains(0, "CRegistryTree::RegDelTree qxRegDeleteKey succeeded"));
   EXPECT_EQ(Children("/"), Strings({"ab"}));
-
   EXPECT_EQ(m_Tree.RemoveCompartment(S("q"), 1, 0), E_INVALIDARG);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::RemoveCompartment RegOpenKeyEx failed : lResult = 2 dwLastError = 2"));
   EXPECT_EQ(m_Tree.RemoveCompartment(S("5//"), 1, 0), E_INVALIDARG) << "the registry refuses empty components";
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::RemoveCompartment RegOpenKeyEx failed : lResult = a1 dwLastError = 16"));
   // Without a history the removal still happens; each failed update is a detail.
   DropHistory();
   Create({"ab/c"});
@@ -122,7 +100,6 @@ TEST_F(RegistryCompartments, RemovalRaisesDescendantsDeepestFirst) {
 }
 
 TEST_F(RegistryCompartments, ChildNamesMustFitTheWorkBuffer) {
-  LogCapture log;
   // "<base>T\p\" is 54 characters: a child's name may have 251 - 54 - 2.
   for (std::size_t length : {195u, 196u}) {
     HKEY h = nullptr;
@@ -133,20 +110,17 @@ TEST_F(RegistryCompartments, ChildNamesMustFitTheWorkBuffer) {
     EXPECT_EQ(m_Tree.RemoveCompartment(S("p"), 1, 0), S_OK) << length;
     EXPECT_EQ(KeyExists("\\p"), length == 196u) << length;
   }
-  EXPECT_TRUE(log.Contains(2, "CRegistryTree::RegDelTree dwSize too long"));
-  EXPECT_TRUE(log.Contains(2, "CRegistryTree::RemoveCompartment RegDelTree return FALSE"));
 }
 
 TEST_F(RegistryCompartments, ListAllFollowsOneChain) {
   LogCapture log;
   Create({"b", "a/y", "a/x/deep"});
   EXPECT_EQ(AllKeys(m_Tree), Strings({"T", "T/a", "T/a/x", "T/a/x/deep"}));
-  EXPECT_EQ(log.Count("CRegistryTree::RegListTree RegListTree failed"), 3u) << "one a level on the way back";
   // A child that can't be opened is asked for again.
   FaultInjector faults;
   faults.FailWithCode("xkRegOpenKeyEx", ERROR_REGISTRY_IO_FAILED, 2);
   EXPECT_EQ(AllKeys(m_Tree), Strings({"T", "T/a", "T/a/x", "T/a/x/deep"}));
-  EXPECT_TRUE(log.Contains(2, "CRegistryTree::RegListTree RegOpenKeyEx failed : lResult = 3f8 dwLastError = 5"));
+  EXPECT_EQ(faults.Fired("xkRegOpenKeyEx"), 1u);
   EXPECT_EQ(m_Tree.ListAllCompartmentIds(nullptr), E_FAIL);
 }
 
@@ -160,29 +134,23 @@ TEST_F(RegistryCompartments, FailingRegistryCalls) {
   faults.Reset();
   faults.FailWithCode("xkRegEnumKeyEx", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
-  EXPECT_EQ(log.Count("CRegistryTree::RemoveCompartment RegDelTree return FALSE"), 2u);
   EXPECT_EQ(log.Count("CRegistryTree::RegDelTree RegDelTree failed"), 2u) << "each level gives up once";
   EXPECT_TRUE(KeyExists("\\a\\b\\c"));
   faults.FailWithCode("xkRegOpenKeyEx", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), E_INVALIDARG);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::RemoveCompartment RegOpenKeyEx failed : lResult = 3f8 dwLastError = 5"));
 
   SAFEARRAY* psa = nullptr;
   faults.FailWithCode("qxRegListKeys", ERROR_REGISTRY_IO_FAILED, 2);
   EXPECT_EQ(m_Tree.ListCompartmentIds(S("a"), &psa, 0), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::ListCompartmentIds qxRegListKeys failed rc = 3f8"));
   faults.FailWithCode("xkRegCreateKeyEx", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(m_Tree.CreateCompartment(S("n"), 0), E_FAIL);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::CreateCompartment RegCreateKeyEx failed"));
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::CreateCompartment RegCloseKey failed"));
 
   faults.FailWithCode("xkRegCloseKey", ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(Cached("a", E_FAIL), C({0, 0, 1})) << "written, then the close fails";
+  EXPECT_EQ(Cached(m_Tree, "a", E_FAIL), C({0, 0, 1})) << "written, then the close fails";
   faults.FailWithNull("SysAllocString");
-  EXPECT_EQ(Cached("a"), C({0, 0, 0})) << "no path: zeros and success";
+  EXPECT_EQ(Cached(m_Tree, "a"), C({0, 0, 0})) << "no path: zeros and success";
   DropHistory();
-  EXPECT_EQ(Cached("a", E_FAIL), C({9, 9, 9}));
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::IsCompartmentCached GetVersion failed hr = 80004005"));
+  EXPECT_EQ(Cached(m_Tree, "a", E_FAIL), C({9, 9, 9}));
 }
 
 }  // namespace

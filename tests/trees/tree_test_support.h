@@ -1,46 +1,15 @@
 #ifndef MERROWSTORE_TESTS_TREES_TREE_TEST_SUPPORT_H
 #define MERROWSTORE_TESTS_TREES_TREE_TEST_SUPPORT_H
 
-// Shared by the tree tests: values, reading listings, a private gHistoryTree
-// per test, and a scope whose allocations may leak (failed destructions).
-
-#include <gtest/gtest.h>
+// Shared by the tree tests: writing and reading one item, the full listing,
+// and a private gHistoryTree per test.
 
 #include "trees/MemoryTree.h"
-#include "trees/VersionHistory.h"
-#include "xk/testsupport.h"
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
+#include "value_support.h"
 
 namespace treetest {
 
-typedef std::vector<std::string> Strings;
-using xk::test::FaultInjector;
-using xk::test::LogCapture;
-
-inline SecureString S(const std::string& s) { return SecureString(s.data(), s.size()); }
-
-// A VT_BSTR vector of `items`, owned by the caller.
-inline SAFEARRAY* MakeValue(const Strings& items) {
-  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, items.size());
-  for (int i = 0; i < static_cast<int>(items.size()); ++i) EXPECT_EQ(SafeArrayPutElement(psa, &i, const_cast<char*>(items[i].c_str())), S_OK);
-  return psa;
-}
-
-// Reads and destroys a VT_BSTR vector; a NULL element reads "<null>".
-inline Strings Take(SAFEARRAY* psa) {
-  EXPECT_NE(psa, nullptr);
-  Strings out;
-  for (int i = 0; psa != nullptr && i < static_cast<int>(psa->rgsabound->cElements); ++i) {
-    BSTR b = nullptr;
-    EXPECT_EQ(SafeArrayGetElement(psa, &i, &b), S_OK);
-    out.push_back(b == nullptr ? "<null>" : std::string(b, SysStringByteLen(b)));
-    SysFreeString(b);
-  }
-  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
-  return out;
-}
+using namespace mtest;
 
 inline void Put(CAbstractTree& tree, const std::string& compartment, const std::string& id, const std::string& text = "v") {
   SAFEARRAY* v = MakeValue({text});
@@ -60,13 +29,15 @@ inline Strings AllKeys(CAbstractTree& tree) {
   return Take(psa);
 }
 
-// Both counters of a history path, as {compartment, content}.
-inline std::vector<unsigned long> Versions(const std::string& global) {
-  std::vector<unsigned long> v(2, 99);
-  EXPECT_EQ(GetVersion(S(global), &v[0], &v[1]), S_OK);
-  return v;
+// {compartment version, content version, cached} from IsCompartmentCached;
+// 9 where nothing was written.
+inline std::vector<long> Cached(CAbstractTree& tree, const std::string& id, HRESULT expected = S_OK) {
+  unsigned long compartment = 9, content = 9;
+  signed char cached = 9;
+  EXPECT_EQ(tree.IsCompartmentCached(S(id), &compartment, &content, &cached, 0), expected) << id;
+  return {static_cast<long>(compartment), static_cast<long>(content), cached};
 }
-typedef std::vector<unsigned long> V;
+typedef std::vector<long> C;
 
 // Gives each test a fresh gHistoryTree, putting back the one the library made
 // at load afterwards.
@@ -92,14 +63,6 @@ class HistoryTest : public ::testing::Test {
 
  private:
   CAbstractTree* m_pLoaded = nullptr;
-};
-
-// Allocations made while it lives are not reported as leaks.
-struct LeakAllowedScope {
-#if defined(__SANITIZE_ADDRESS__)
-  __lsan::ScopedDisabler disabler;
-#endif
-  LeakAllowedScope() {}
 };
 
 }  // namespace treetest
