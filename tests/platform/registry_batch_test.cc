@@ -4,49 +4,26 @@
 
 #include <sqlite3.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
-#include "gtest/gtest.h"
-#include "xk/fault_point.h"
-#include "xk/registry.h"
+#include "registry_support.h"
 
 namespace {
 
-constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
+using namespace regtest;
 
-class RegistryBatchTest : public ::testing::Test {
+class RegistryBatchTest : public RegistryTest {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/xkreg-batch-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_Dir = pattern;
-    m_File = m_Dir + "/registry.db";
-    ASSERT_EQ(xkRegSetDatabasePath(m_File.c_str()), ERROR_SUCCESS);
-    ASSERT_EQ(xkRegCreateKeyEx(kHklm, "B", 0, nullptr, 0, 3, nullptr, &m_Key, nullptr), ERROR_SUCCESS);
-    ASSERT_EQ(sqlite3_open_v2(m_File.c_str(), &m_Other, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+    m_Key = Create("B");
+    ASSERT_EQ(sqlite3_open_v2(m_Sandbox.RegistryPath().c_str(), &m_Other, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
     sqlite3_busy_timeout(m_Other, 5000);
   }
   void TearDown() override {
-    xk::fault::Reset();
     sqlite3_close(m_Other);
     xkRegCloseKey(m_Key);
-    xkRegSetDatabasePath(nullptr);
-    std::filesystem::remove_all(m_Dir);
   }
 
-  long Set(const char* name, const std::string& text, HKEY key = nullptr) {
-    return xkRegSetValueEx(key != nullptr ? key : m_Key, name, 0, REG_SZ,
-                           reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
-  }
-  // The value as this process reads it ("-" when absent).
-  std::string Read(const char* name, const char* path = "B") {
-    char buffer[64] = {};
-    unsigned int size = sizeof buffer;
-    if (qxRegReadStringValueEx(kHklm, path, name, buffer, &size, 0) != ERROR_SUCCESS) return "-";
-    return buffer;
-  }
   // The value as the other connection sees it ("-" when absent).
   std::string Committed(const char* name, const char* path = "B") {
     sqlite3_stmt* stmt = nullptr;
@@ -71,122 +48,105 @@ class RegistryBatchTest : public ::testing::Test {
     ASSERT_EQ(sqlite3_exec(m_Other, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
   }
 
-  std::string m_Dir;
-  std::string m_File;
   HKEY m_Key = nullptr;
   sqlite3* m_Other = nullptr;
 };
 
 TEST_F(RegistryBatchTest, WritesCommitTogetherAtTheOutermostEndOrAreLostWithAFailedCommit) {
   ASSERT_EQ(xkRegBeginBatch(XK_REG_BATCH_WRITE), ERROR_SUCCESS);
-  HKEY created = nullptr;
-  unsigned int disposition = 0;
   // A key made inside the batch is a savepoint of its transaction.
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "B\\N", 0, nullptr, 0, 3, nullptr, &created, &disposition), ERROR_SUCCESS);
-  EXPECT_EQ(disposition, static_cast<unsigned int>(REG_CREATED_NEW_KEY));
-  EXPECT_EQ(Set("a", "1", created), ERROR_SUCCESS);
+  unsigned int disposition = 0;
+  HKEY created = Create("B\\N", &disposition);
+  EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+  EXPECT_EQ(Set(created, "a", "1"), ERROR_SUCCESS);
   ASSERT_EQ(xkRegBeginBatch(XK_REG_BATCH_READ), ERROR_SUCCESS);
-  EXPECT_EQ(Set("b", "2"), ERROR_SUCCESS);
+  EXPECT_EQ(Set(m_Key, "b", "2"), ERROR_SUCCESS);
   // A failed call leaves the batch's other writes alone.
-  EXPECT_EQ(xkRegCreateKeyEx(kHklm, "B\\\\bad", 0, nullptr, 0, 3, nullptr, &created, nullptr), ERROR_BAD_PATHNAME);
+  HKEY bad = nullptr;
+  EXPECT_EQ(xkRegCreateKeyEx(kHklm, "B\\\\bad", 0, nullptr, 0, 3, nullptr, &bad, nullptr), ERROR_BAD_PATHNAME);
   EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
-  EXPECT_EQ(Read("a", "B\\N") + Read("b"), "12");
+  EXPECT_EQ(Read("B\\N", "a") + Read("B", "b"), "12");
   EXPECT_EQ(Committed("a", "B\\N") + Committed("b"), "--");
   EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
   EXPECT_EQ(Committed("a", "B\\N") + Committed("b"), "12");
   EXPECT_EQ(xkRegCloseKey(created), ERROR_SUCCESS);
 
   // A failed commit rolls back; the batch's later calls commit one by one.
-  xk::fault::Arm("xkRegCommitBatch", 1, {xk::fault::Kind::kCode, ERROR_REGISTRY_IO_FAILED}, false);
+  m_Faults.FailWithCode("xkRegCommitBatch", ERROR_REGISTRY_IO_FAILED);
   ASSERT_EQ(xkRegBeginBatch(XK_REG_BATCH_WRITE), ERROR_SUCCESS);
-  EXPECT_EQ(Set("c", "3"), ERROR_SUCCESS);
+  EXPECT_EQ(Set(m_Key, "c", "3"), ERROR_SUCCESS);
   EXPECT_EQ(xkRegCommitBatch(), ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(Set("d", "4"), ERROR_SUCCESS);
+  EXPECT_EQ(Set(m_Key, "d", "4"), ERROR_SUCCESS);
   EXPECT_EQ(Committed("d"), "4");
   EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
-  EXPECT_EQ(Read("c") + Committed("c"), "--");
-  xk::fault::Reset();
+  EXPECT_EQ(Read("B", "c") + Committed("c"), "--");
 
   // Switching files inside a batch loses its transaction, and its end says so.
   ASSERT_EQ(xkRegBeginBatch(XK_REG_BATCH_WRITE), ERROR_SUCCESS);
-  EXPECT_EQ(Set("e", "5"), ERROR_SUCCESS);
-  ASSERT_EQ(xkRegSetDatabasePath(m_File.c_str()), ERROR_SUCCESS);
+  EXPECT_EQ(Set(m_Key, "e", "5"), ERROR_SUCCESS);
+  ASSERT_EQ(xkRegSetDatabasePath(m_Sandbox.RegistryPath().c_str()), ERROR_SUCCESS);
   EXPECT_EQ(xkRegEndBatch(), ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(Read("e"), "-");
+  EXPECT_EQ(Read("B", "e"), "-");
 }
 
 TEST_F(RegistryBatchTest, AFailedBeginLeavesEachCallItsOwnTransactionAndUnmatchedEndsAreRefused) {
   EXPECT_EQ(xkRegEndBatch(), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(xkRegCommitBatch(), ERROR_INVALID_PARAMETER);
-
-  xk::fault::Arm("xkRegBeginBatch", 1, {xk::fault::Kind::kCode, ERROR_REGISTRY_IO_FAILED}, false);
-  EXPECT_EQ(xkRegBeginBatch(XK_REG_BATCH_WRITE), ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(Set("a", "1"), ERROR_SUCCESS);
-  EXPECT_EQ(Committed("a"), "1");
-  EXPECT_EQ(xkRegCommitBatch(), ERROR_SUCCESS);
-  EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
-  xk::fault::Reset();
-
-  EXPECT_EQ(xkRegBeginBatch(7), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(Set("b", "2"), ERROR_SUCCESS);
-  EXPECT_EQ(Committed("b"), "2");
-  EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
+  m_Faults.FailWithCode("xkRegBeginBatch", ERROR_REGISTRY_IO_FAILED);
+  for (unsigned int flags : {XK_REG_BATCH_WRITE, 7u}) {  // an injected fault, unknown flags
+    EXPECT_NE(xkRegBeginBatch(flags), ERROR_SUCCESS) << flags;
+    EXPECT_EQ(Set(m_Key, "a", std::to_string(flags)), ERROR_SUCCESS);
+    EXPECT_EQ(Committed("a"), std::to_string(flags));
+    EXPECT_EQ(xkRegCommitBatch(), ERROR_SUCCESS);
+    EXPECT_EQ(xkRegEndBatch(), ERROR_SUCCESS);
+  }
   EXPECT_EQ(xkRegEndBatch(), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(RegistryBatchTest, AReadBatchSeesOneStateOfTheFile) {
-  ASSERT_EQ(Set("v", "1"), ERROR_SUCCESS);
+  ASSERT_EQ(Set(m_Key, "v", "1"), ERROR_SUCCESS);
   {
     xk::registry::Batch batch(XK_REG_BATCH_READ);
     ASSERT_EQ(batch.BeginStatus(), ERROR_SUCCESS);
-    EXPECT_EQ(Read("v"), "1");
+    EXPECT_EQ(Read("B", "v"), "1");
     OtherWrites("v", "2");
     OtherWrites("w", "3");
-    unsigned int count = 0;
-    EXPECT_EQ(qxRegListValueNamesEx(kHklm, "B", nullptr, &count, 0xFFFFFFFF, 0), ERROR_SUCCESS);
-    EXPECT_EQ(count, 1u);
-    EXPECT_EQ(Read("v") + Read("w"), "1-");
+    EXPECT_EQ(ValueNames("B").size(), 1u);
+    EXPECT_EQ(Read("B", "v") + Read("B", "w"), "1-");
     // Writing on top of a state another process has moved past fails.
-    EXPECT_EQ(Set("x", "4"), ERROR_REGISTRY_IO_FAILED);
+    EXPECT_EQ(Set(m_Key, "x", "4"), ERROR_REGISTRY_IO_FAILED);
   }
-  EXPECT_EQ(Read("v") + Read("w") + Read("x"), "23-");
+  EXPECT_EQ(Read("B", "v") + Read("B", "w") + Read("B", "x"), "23-");
 }
 
 TEST_F(RegistryBatchTest, ReadsInABatchFollowItsOwnWrites) {
   xk::registry::Batch batch(XK_REG_BATCH_WRITE);
   ASSERT_EQ(batch.BeginStatus(), ERROR_SUCCESS);
-  ASSERT_EQ(Set("v", "1"), ERROR_SUCCESS);
-  EXPECT_EQ(Read("v"), "1");
-  ASSERT_EQ(Set("v", "2"), ERROR_SUCCESS);
-  EXPECT_EQ(Read("v"), "2");
-  unsigned int count = 0;
-  EXPECT_EQ(qxRegListValueNamesEx(kHklm, "B", nullptr, &count, 0xFFFFFFFF, 0), ERROR_SUCCESS);
-  EXPECT_EQ(count, 1u);
-  ASSERT_EQ(Set("w", "3"), ERROR_SUCCESS);
-  EXPECT_EQ(qxRegListValueNamesEx(kHklm, "B", nullptr, &count, 0xFFFFFFFF, 0), ERROR_SUCCESS);
-  EXPECT_EQ(count, 2u);
+  ASSERT_EQ(Set(m_Key, "v", "1"), ERROR_SUCCESS);
+  EXPECT_EQ(Read("B", "v"), "1");
+  ASSERT_EQ(Set(m_Key, "v", "2"), ERROR_SUCCESS);
+  EXPECT_EQ(Read("B", "v"), "2");
+  EXPECT_EQ(ValueNames("B").size(), 1u);
+  ASSERT_EQ(Set(m_Key, "w", "3"), ERROR_SUCCESS);
+  EXPECT_EQ(ValueNames("B").size(), 2u);
   EXPECT_EQ(qxRegDeleteValue(kHklm, "B", "v", 0), ERROR_SUCCESS);
-  EXPECT_EQ(Read("v"), "-");
+  EXPECT_EQ(Read("B", "v"), "-");
 
   // A key deleted and made again in the batch is the new key.
-  HKEY key = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "B\\K", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
+  HKEY key = Create("B\\K");
   HKEY opened = nullptr;  // the batch now knows the key's id
   ASSERT_EQ(xkRegOpenKeyEx(kHklm, "B\\K", 0, 0, &opened), ERROR_SUCCESS);
-  ASSERT_EQ(Set("k", "old", key), ERROR_SUCCESS);
-  EXPECT_EQ(Read("k", "B\\K"), "old");
+  ASSERT_EQ(Set(key, "k", "old"), ERROR_SUCCESS);
+  EXPECT_EQ(Read("B\\K", "k"), "old");
   ASSERT_EQ(qxRegDeleteSubKey(kHklm, "B\\K", 0, 0), ERROR_SUCCESS);
-  EXPECT_EQ(Read("k", "B\\K"), "-");
-  EXPECT_EQ(Set("k", "lost", key), ERROR_KEY_DELETED);
-  HKEY again = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "B\\K", 0, nullptr, 0, 3, nullptr, &again, nullptr), ERROR_SUCCESS);
-  EXPECT_EQ(Set("k", "new", again), ERROR_SUCCESS);
-  EXPECT_EQ(Read("k", "B\\K"), "new");
+  EXPECT_EQ(Read("B\\K", "k"), "-");
+  EXPECT_EQ(Set(key, "k", "lost"), ERROR_KEY_DELETED);
+  HKEY again = Create("B\\K");
+  EXPECT_EQ(Set(again, "k", "new"), ERROR_SUCCESS);
+  EXPECT_EQ(Read("B\\K", "k"), "new");
   EXPECT_EQ(batch.Commit(), ERROR_SUCCESS);
   EXPECT_EQ(Committed("k", "B\\K") + Committed("w") + Committed("v"), "new3-");
-  xkRegCloseKey(key);
-  xkRegCloseKey(opened);
-  xkRegCloseKey(again);
+  for (HKEY each : {key, opened, again}) xkRegCloseKey(each);
 }
 
 }  // namespace

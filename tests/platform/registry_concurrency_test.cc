@@ -1,29 +1,21 @@
 // Many threads of one process on the registry: calls are serialised and
 // handles are shared freely.
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "gtest/gtest.h"
-#include "xk/registry.h"
+#include "registry_support.h"
 
 namespace {
 
-constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
+using namespace regtest;
+using RegistryConcurrencyTest = RegistryTest;
 
-TEST(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
-  char pattern[] = "/tmp/xkreg-threads-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string dir = pattern;
-  ASSERT_EQ(xkRegSetDatabasePath((dir + "/registry.db").c_str()), ERROR_SUCCESS);
-
+TEST_F(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
   constexpr int kThreads = 4;
   constexpr int kValues = 100;
-  HKEY shared = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "T", 0, nullptr, 0, 3, nullptr, &shared, nullptr), ERROR_SUCCESS);
+  HKEY shared = Create("T");
   std::vector<long> failures(kThreads + 1, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -58,27 +50,16 @@ TEST(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(failures, std::vector<long>(kThreads + 1, 0));
 
-  unsigned int count = 0;
-  ASSERT_EQ(qxRegListValueNamesEx(kHklm, "T", nullptr, &count, 1u << REG_DWORD, 0), ERROR_SUCCESS);
-  EXPECT_EQ(count, static_cast<unsigned int>(kThreads * kValues));
+  EXPECT_EQ(ValueNames("T", 1u << REG_DWORD).size(), static_cast<std::size_t>(kThreads * kValues));
   unsigned int number = 0;
   ASSERT_EQ(qxRegReadDWORDValueEx(kHklm, "T", "3_99", &number, 0), ERROR_SUCCESS);
   EXPECT_EQ(number, 99u);
   EXPECT_EQ(xkRegCloseKey(shared), ERROR_SUCCESS);
-  xkRegSetDatabasePath(nullptr);
-  std::filesystem::remove_all(dir);
 }
 
-TEST(RegistryConcurrencyTest, ABatchHasTheRegistryToItselfUntilItEnds) {
-  char pattern[] = "/tmp/xkreg-batches-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  std::string dir = pattern;
-  ASSERT_EQ(xkRegSetDatabasePath((dir + "/registry.db").c_str()), ERROR_SUCCESS);
-  HKEY key = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "C", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
-  unsigned int zero = 0;
-  ASSERT_EQ(xkRegSetValueEx(key, "n", 0, REG_DWORD, reinterpret_cast<const unsigned char*>(&zero), sizeof zero),
-            ERROR_SUCCESS);
+TEST_F(RegistryConcurrencyTest, ABatchHasTheRegistryToItselfUntilItEnds) {
+  HKEY key = Create("C");
+  ASSERT_EQ(Set(key, "n", std::string(4, '\0'), REG_DWORD), ERROR_SUCCESS);
 
   // Read, add one, write back, each time in a batch: an increment is lost as
   // soon as another thread's call gets in between, or lands in another
@@ -108,8 +89,6 @@ TEST(RegistryConcurrencyTest, ABatchHasTheRegistryToItselfUntilItEnds) {
   ASSERT_EQ(qxRegReadDWORDValueEx(kHklm, "C", "n", &n, 0), ERROR_SUCCESS);
   EXPECT_EQ(n, static_cast<unsigned int>(kThreads * kRounds));
   EXPECT_EQ(xkRegCloseKey(key), ERROR_SUCCESS);
-  xkRegSetDatabasePath(nullptr);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -7,61 +7,32 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <set>
+#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "gtest/gtest.h"
-#include "xk/registry.h"
+#include "registry_support.h"
 
 namespace {
 
-constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
+using namespace regtest;
 
-class RegistryProcessTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/xkreg-proc-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    m_Dir = pattern;
-    m_File = m_Dir + "/registry.db";
-    ASSERT_EQ(xkRegSetDatabasePath(m_File.c_str()), ERROR_SUCCESS);
+// PRAGMA integrity_check of the file, on a connection of its own.
+std::string IntegrityCheck(const std::string& file) {
+  sqlite3* db = nullptr;
+  std::string result = "cannot open";
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr) == SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    result = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
   }
-  void TearDown() override {
-    xkRegSetDatabasePath(nullptr);
-    std::filesystem::remove_all(m_Dir);
-  }
-
-  // PRAGMA integrity_check on a connection of its own.
-  std::string IntegrityCheck() const {
-    sqlite3* db = nullptr;
-    std::string result = "cannot open";
-    if (sqlite3_open_v2(m_File.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-      sqlite3_stmt* stmt = nullptr;
-      if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr) == SQLITE_OK &&
-          sqlite3_step(stmt) == SQLITE_ROW) {
-        result = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
-      }
-      sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
-    return result;
-  }
-
-  std::string m_Dir;
-  std::string m_File;
-};
-
-std::string Text(HKEY key, const char* name) {
-  char buffer[64];
-  unsigned int size = sizeof buffer;
-  if (qxRegReadStringValueEx(static_cast<const char*>(key), nullptr, name, buffer, &size, 0) != ERROR_SUCCESS) {
-    return "<unreadable>";
-  }
-  return buffer;
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return result;
 }
+
+using RegistryProcessTest = RegistryTest;
 
 // The bytes a killed writer stores under index `i`: recognisable throughout.
 std::vector<unsigned char> Pattern(std::uint32_t i, std::size_t size) {
@@ -72,8 +43,7 @@ std::vector<unsigned char> Pattern(std::uint32_t i, std::size_t size) {
 
 TEST_F(RegistryProcessTest, TwoProcessesWriteOneKeyAtOnce) {
   constexpr int kValues = 150;
-  HKEY key = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "Shared\\Key", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
+  HKEY key = Create("Shared\\Key");
   int ready[2];
   int go[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -89,12 +59,7 @@ TEST_F(RegistryProcessTest, TwoProcessesWriteOneKeyAtOnce) {
       for (int i = 0; i < kValues; ++i) {
         std::string name = "c" + std::to_string(c) + "_" + std::to_string(i);
         std::string shared = "child " + std::to_string(c) + " step " + std::to_string(i);
-        if (xkRegSetValueEx(key, name.c_str(), 0, REG_SZ, reinterpret_cast<const unsigned char*>(name.data()),
-                            static_cast<unsigned int>(name.size())) != ERROR_SUCCESS ||
-            xkRegSetValueEx(key, "shared", 0, REG_SZ, reinterpret_cast<const unsigned char*>(shared.data()),
-                            static_cast<unsigned int>(shared.size())) != ERROR_SUCCESS) {
-          _exit(1);
-        }
+        if (Set(key, name.c_str(), name) != ERROR_SUCCESS || Set(key, "shared", shared) != ERROR_SUCCESS) _exit(1);
       }
       _exit(0);
     }
@@ -109,26 +74,23 @@ TEST_F(RegistryProcessTest, TwoProcessesWriteOneKeyAtOnce) {
   }
   for (int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
 
-  unsigned int count = 0;
-  ASSERT_EQ(qxRegListValueNamesEx(kHklm, "Shared\\Key", nullptr, &count, 0xFFFFFFFF, 0), ERROR_SUCCESS);
-  EXPECT_EQ(count, 2u * kValues + 1);
+  EXPECT_EQ(ValueNames("Shared\\Key").size(), 2u * kValues + 1);
   for (int c = 0; c < 2; ++c) {
     for (int i = 0; i < kValues; ++i) {
       std::string name = "c" + std::to_string(c) + "_" + std::to_string(i);
-      ASSERT_EQ(Text(key, name.c_str()), name);
+      ASSERT_EQ(Read(nullptr, name.c_str(), key), name);
     }
   }
-  std::string last = Text(key, "shared");
+  std::string last = Read(nullptr, "shared", key);
   EXPECT_TRUE(last == "child 0 step 149" || last == "child 1 step 149") << last;
-  EXPECT_EQ(IntegrityCheck(), "ok");
+  EXPECT_EQ(IntegrityCheck(m_Sandbox.RegistryPath()), "ok");
   xkRegCloseKey(key);
 }
 
 TEST_F(RegistryProcessTest, KilledWriterLeavesEveryCommittedValueWhole) {
   constexpr std::size_t kSize = 256 * 1024;
   constexpr std::uint32_t kKillAfter = 12;
-  HKEY key = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHklm, "Crash", 0, nullptr, 0, 3, nullptr, &key, nullptr), ERROR_SUCCESS);
+  HKEY key = Create("Crash");
   int committed[2];
   ASSERT_EQ(pipe(committed), 0);
   pid_t child = fork();
@@ -172,11 +134,10 @@ TEST_F(RegistryProcessTest, KilledWriterLeavesEveryCommittedValueWhole) {
     bool whole = back == Pattern(expected, kSize) || ((newest + 1) % 40 == slot && back == Pattern(newest + 1, kSize));
     EXPECT_TRUE(whole) << name << " does not hold write " << expected;
   }
-  unsigned int count = 0;
-  ASSERT_EQ(qxRegListValueNamesEx(kHklm, "Crash", nullptr, &count, 0xFFFFFFFF, 0), ERROR_SUCCESS);
+  const std::size_t count = ValueNames("Crash").size();
   EXPECT_GE(count, std::min<std::size_t>(reported.size(), 40));
   EXPECT_LE(count, std::min<std::size_t>(reported.size() + 1, 40));
-  EXPECT_EQ(IntegrityCheck(), "ok");
+  EXPECT_EQ(IntegrityCheck(m_Sandbox.RegistryPath()), "ok");
   xkRegCloseKey(key);
 }
 

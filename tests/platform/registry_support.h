@@ -1,0 +1,76 @@
+// Shared by the registry and settings tests: a private registry file for each
+// test, and keys and values by path below HKEY_LOCAL_MACHINE.
+
+#ifndef TESTS_PLATFORM_REGISTRY_SUPPORT_H
+#define TESTS_PLATFORM_REGISTRY_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "xk/registry.h"
+#include "xk/testsupport.h"
+
+namespace regtest {
+
+inline constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
+
+// Each test on a registry file of its own; armed faults go with the test.
+class RegistryTest : public ::testing::Test {
+ protected:
+  xk::test::Sandbox m_Sandbox;
+  xk::test::FaultInjector m_Faults;
+};
+
+// Opens the key below `base`, creating it and its missing parents.
+inline HKEY Create(const char* path, unsigned int* disposition = nullptr, HKEY base = kHklm) {
+  HKEY key = nullptr;
+  EXPECT_EQ(xkRegCreateKeyEx(base, path, 0, nullptr, 0, 3, nullptr, &key, disposition), ERROR_SUCCESS) << path;
+  return key;
+}
+
+inline long Set(HKEY key, const char* name, const std::string& bytes, unsigned int type = REG_SZ) {
+  return xkRegSetValueEx(key, name, 0, type, reinterpret_cast<const unsigned char*>(bytes.data()),
+                         static_cast<unsigned int>(bytes.size()));
+}
+
+// The text of a string value, "-" when it cannot be read. `hive` may be a handle.
+inline std::string Read(const char* path, const char* name, HKEY hive = kHklm) {
+  char buffer[64] = {};
+  unsigned int size = sizeof buffer;
+  if (qxRegReadStringValueEx(static_cast<const char*>(hive), path, name, buffer, &size, 0) != ERROR_SUCCESS) return "-";
+  return buffer;
+}
+
+// The names of the key's values of the types in `mask`, in listing order.
+inline std::vector<std::string> ValueNames(const char* path, unsigned int mask = 0xFFFFFFFF) {
+  unsigned int count = 0;
+  EXPECT_EQ(qxRegListValueNamesEx(kHklm, path, nullptr, &count, mask, 0), ERROR_SUCCESS) << path;
+  std::vector<qxRegValue_> records(count);
+  EXPECT_EQ(qxRegListValueNamesEx(kHklm, path, records.data(), &count, mask, 0), ERROR_SUCCESS) << path;
+  std::vector<std::string> names;
+  for (const qxRegValue_& record : records) names.emplace_back(record.szName);
+  return names;
+}
+
+inline std::vector<std::string> SubKeys(const char* path) {
+  unsigned int count = 0;
+  EXPECT_EQ(qxRegListKeys(kHklm, path, nullptr, &count), ERROR_SUCCESS) << path;
+  std::vector<qxRegKey_> records(count);
+  EXPECT_EQ(qxRegListKeys(kHklm, path, records.data(), &count), ERROR_SUCCESS) << path;
+  std::vector<std::string> names;
+  for (const qxRegKey_& record : records) names.emplace_back(record.szName);
+  return names;
+}
+
+inline bool Exists(const char* path) {
+  HKEY key = nullptr;
+  const long status = xkRegOpenKeyEx(kHklm, path, 0, 0, &key);
+  if (status == ERROR_SUCCESS) xkRegCloseKey(key);
+  return status == ERROR_SUCCESS;
+}
+
+}  // namespace regtest
+
+#endif
