@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <cstring>
+#include <string>
 
-#include "xk/registry.h"
+#include "registry_support.h"
 #include "xk/settings.h"
-#include "xk/testsupport.h"
 
 using QX::Framework::XKData;
 using xk::settings::Source;
@@ -15,25 +16,21 @@ const SecureString kAllowPerProcess("Merrowstore.Authentication.AllowPerProcess"
 const SecureString kTimeout("Merrowstore.Authentication.Timeout");
 const SecureString kPinAlways("Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys");
 
-void PutRaw(const char* name, unsigned int type, const void* data, unsigned int size) {
-  HKEY key = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx("HKEY_LOCAL_MACHINE", xk::settings::RegistryKey(), 0, nullptr, 0, 3, nullptr, &key,
-                             nullptr),
-            ERROR_SUCCESS);
-  ASSERT_EQ(xkRegSetValueEx(key, name, 0, type, static_cast<const unsigned char*>(data), size), ERROR_SUCCESS);
+void PutRaw(const SecureString& name, unsigned int type, const std::string& bytes) {
+  HKEY key = regtest::Create(xk::settings::RegistryKey());
+  EXPECT_EQ(regtest::Set(key, name.c_str(), bytes, type), ERROR_SUCCESS);
   xkRegCloseKey(key);
 }
 
 std::int64_t Read(const SecureString& name, HRESULT expected = S_OK) {
   XKData value;
-  EXPECT_EQ(GetSettingValue(name, value, nullptr), expected);
+  EXPECT_EQ(GetSettingValue(name, value, nullptr), expected) << name.c_str();
   return value.Int();
 }
 
-}  // namespace
+using Settings = regtest::RegistryTest;
 
-TEST(Settings, DefaultsApplyUntilTheRegistryHoldsAValue) {
-  xk::test::Sandbox sandbox;
+TEST_F(Settings, DefaultsApplyUntilTheRegistryHoldsAValue) {
   EXPECT_EQ(Read(kAllowPerProcess), 0);
   EXPECT_EQ(Read(kTimeout), 15);
   EXPECT_EQ(Read(kPinAlways), 0);
@@ -43,72 +40,98 @@ TEST(Settings, DefaultsApplyUntilTheRegistryHoldsAValue) {
   EXPECT_EQ(Read(kTimeout), 45);
   EXPECT_EQ(xk::settings::GetSettingSource(kTimeout), Source::kRegistry);
   EXPECT_EQ(Read(kAllowPerProcess), 0);  // the others keep their defaults
+  ASSERT_EQ(xk::settings::SetSettingValue(kAllowPerProcess, XKData(SecureString("7"))), S_OK);
+  EXPECT_EQ(Read(kAllowPerProcess), 7);
 
   ASSERT_EQ(xk::settings::ResetSettingValue(kTimeout), S_OK);
   EXPECT_EQ(Read(kTimeout), 15);
   EXPECT_EQ(xk::settings::ResetSettingValue(kTimeout), S_OK);  // nothing left to remove
 }
 
-TEST(Settings, RegistryTypesAreReadAsNumbersOrText) {
-  xk::test::Sandbox sandbox;
-  std::uint32_t dword = 0x80000000u;  // the "never expires" timeout as a DWORD
-  PutRaw(kTimeout.c_str(), REG_DWORD, &dword, 4);
+TEST_F(Settings, RegistryTypesAreReadAsNumbersOrText) {
+  // Numbers; texts read as numbers (decimal or 0x hex, else 0); a type no
+  // setting has, or a number too short, gives the default with a failure.
+  const struct {
+    unsigned int type;
+    std::string bytes;
+    HRESULT status;
+    std::int64_t number;
+  } kCases[] = {
+      {REG_DWORD, std::string("\x2A\0\0\0", 4), S_OK, 42},
+      {REG_QWORD, std::string("\xF9\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 8), S_OK, -7},
+      {REG_SZ, "0x10", S_OK, 16},
+      {REG_EXPAND_SZ, "-5", S_OK, -5},
+      {REG_SZ, "12abc", S_OK, 0},
+      {REG_BINARY, "\x01\x02", E_FAIL, 15},
+      {REG_DWORD, std::string("\x03\0", 2), E_FAIL, 15},
+      {REG_QWORD, std::string("\x03\0\0\0", 4), E_FAIL, 15},
+  };
+  for (const auto& c : kCases) {
+    PutRaw(kTimeout, c.type, c.bytes);
+    EXPECT_EQ(Read(kTimeout, c.status), c.number) << "type " << c.type << " " << c.bytes;
+  }
+  // The "never expires" timeout: the low 32 bits are the lowest int32.
+  PutRaw(kTimeout, REG_DWORD, std::string("\0\0\0\x80", 4));
   EXPECT_EQ(static_cast<std::int32_t>(Read(kTimeout)), INT32_MIN);
-
-  std::int64_t qword = -7;
-  PutRaw(kAllowPerProcess.c_str(), REG_QWORD, &qword, 8);
-  EXPECT_EQ(Read(kAllowPerProcess), -7);
-
-  PutRaw(kPinAlways.c_str(), REG_SZ, "1", 1);
+  PutRaw(kPinAlways, REG_SZ, "1");
   XKData value;
   ASSERT_EQ(GetSettingValue(kPinAlways, value, nullptr), S_OK);
   EXPECT_EQ(value.GetKind(), XKData::Kind::kString);
-  EXPECT_EQ(value.Int(), 1);
-
-  // A value of a type no setting has gives the default, reported as a failure.
-  PutRaw(kTimeout.c_str(), REG_BINARY, "\x01\x02", 2);
-  EXPECT_EQ(Read(kTimeout, E_FAIL), 15);
-  std::uint16_t shortDword = 3;
-  PutRaw(kTimeout.c_str(), REG_DWORD, &shortDword, 2);
-  EXPECT_EQ(Read(kTimeout, E_FAIL), 15);
+  EXPECT_EQ(XKData(std::int64_t{-42}).String(), "-42");
+  EXPECT_EQ(XKData().Int(), 0);
 }
 
-TEST(Settings, UnknownNamesAndBadArguments) {
-  xk::test::Sandbox sandbox;
+TEST_F(Settings, UnknownNamesBadArgumentsAndInjectedFaults) {
   XKData value(std::int64_t{99});
   EXPECT_EQ(GetSettingValue(SecureString("No.Such.Setting"), value, nullptr), static_cast<HRESULT>(0x80070002u));
   EXPECT_EQ(value.Int(), 99);  // left as it was
-  EXPECT_EQ(xk::settings::GetSettingSource(SecureString("No.Such.Setting")), Source::kNone);
+  // Names are exact: a differently cased name is another setting.
+  EXPECT_EQ(xk::settings::GetSettingSource(SecureString("merrowstore.authentication.timeout")), Source::kNone);
   EXPECT_EQ(GetSettingValue(SecureString(), value, nullptr), E_INVALIDARG);
   int reserved = 0;
   EXPECT_EQ(GetSettingValue(kTimeout, value, &reserved), E_INVALIDARG);
   EXPECT_EQ(xk::settings::SetSettingValue(kTimeout, XKData()), E_INVALIDARG);
+  EXPECT_EQ(value.Int(), 99);
 
-  // Names are exact: a differently cased name is another setting.
-  EXPECT_EQ(xk::settings::GetSettingSource(SecureString("merrowstore.authentication.timeout")), Source::kNone);
-}
-
-TEST(Settings, XKDataConversions) {
-  EXPECT_EQ(XKData().Int(), 0);
-  EXPECT_EQ(XKData().String(), "");
-  EXPECT_EQ(XKData(SecureString("0x10")).Int(), 16);
-  EXPECT_EQ(XKData(SecureString("-5")).Int(), -5);
-  EXPECT_EQ(XKData(SecureString("12abc")).Int(), 0);
-  EXPECT_EQ(XKData(std::int64_t{-42}).String(), "-42");
-}
-
-TEST(Settings, InjectedFaultsReachTheCaller) {
-  xk::test::Sandbox sandbox;
-  xk::test::FaultInjector faults;
-  XKData value(std::int64_t{5});
-  faults.FailWithCode("GetSettingValue", E_OUTOFMEMORY);
+  EXPECT_EQ(Read(kTimeout), 15);  // kept, yet the faults below reach the next reads
+  m_Faults.FailWithCode("GetSettingValue", E_OUTOFMEMORY);
   EXPECT_EQ(GetSettingValue(kTimeout, value, nullptr), E_OUTOFMEMORY);
-  EXPECT_EQ(value.Int(), 5);
-  EXPECT_EQ(faults.Fired("GetSettingValue"), 1u);
-
+  EXPECT_EQ(value.Int(), 99);
   // A registry that fails to read still yields the default, with a failure code.
-  faults.FailWithCode("qxRegReadValueEx", ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(GetSettingValue(kTimeout, value, nullptr), E_FAIL);
-  EXPECT_EQ(value.Int(), 15);
+  m_Faults.FailWithCode("qxRegReadValueEx", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(Read(kTimeout, E_FAIL), 15);
   EXPECT_EQ(Read(kTimeout), 15);
 }
+
+// Answers are kept between reads; every change must reach the next read.
+TEST_F(Settings, EveryChangeReachesTheNextRead) {
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  pid_t child = fork();  // another process, through the settings calls, once this one has kept its answer
+  if (child == 0) {
+    char c;
+    _exit(read(go[0], &c, 1) == 1 && xk::settings::SetSettingValue(kTimeout, XKData(std::int64_t{30})) == S_OK ? 0 : 1);
+  }
+  EXPECT_EQ(Read(kTimeout), 15);
+  EXPECT_EQ(Read(kTimeout), 15);
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(Read(kTimeout), 30);
+  PutRaw(kTimeout, REG_DWORD, std::string("\x2D\0\0\0", 4));  // this process, through the registry calls
+  EXPECT_EQ(Read(kTimeout), 45);
+  {
+    xk::registry::Batch batch(XK_REG_BATCH_WRITE);  // a batch reads its own writes
+    ASSERT_EQ(xk::settings::SetSettingValue(kTimeout, XKData(std::int64_t{60})), S_OK);
+    EXPECT_EQ(Read(kTimeout), 60);
+  }
+  EXPECT_EQ(Read(kTimeout), 60);
+  const std::string other = m_Sandbox.Dir() + "/other.db";  // another database file
+  ASSERT_EQ(xkRegSetDatabasePath(other.c_str()), ERROR_SUCCESS);
+  EXPECT_EQ(Read(kTimeout), 15);
+  ASSERT_EQ(xkRegSetDatabasePath(m_Sandbox.RegistryPath().c_str()), ERROR_SUCCESS);
+  EXPECT_EQ(Read(kTimeout), 60);
+}
+
+}  // namespace
