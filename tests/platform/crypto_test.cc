@@ -212,10 +212,13 @@ TEST_F(CryptoTest, RefusedCallsCarryTheirCodes) {
   EXPECT_EQ(ErrorOf([&] { IKey::Create(nullptr, "RAW", SecureByteVector(16)); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { IKey::Create(algorithm, "RAW", SecureByteVector(15)); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { IKey::Create(algorithm, "PEM", SecureByteVector(16)); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { KeyGenerator::Create(nullptr, map.get()); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { KeyGenerator::Create(algorithm, nullptr); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { GeneratedKey(20); }), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf([&] { Cipher::Create(nullptr, map.get()); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { Cipher::Create(algorithm, nullptr); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf(transform("PKCS7", "CBC", {})), kCryptoInvalidArgument);
+  EXPECT_EQ(ErrorOf(transform("PKCS7", "CBC", SecureByteVector(15))), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf(transform("PKCS7", "ECB", kIv)), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { cipher->Init(2, key.get()); }), kCryptoInvalidArgument);
   EXPECT_EQ(ErrorOf([&] { cipher->Init(0, nullptr); }), kCryptoInvalidArgument);
@@ -253,7 +256,8 @@ TEST_F(CryptoTest, EveryOperationOfTheLibrarySequencesHasAFaultPoint) {
   EXPECT_EQ(ErrorOf(everything), 0u);
 
   // kNull: factories and GenerateKey hand back nullptr, other operations
-  // throw kCryptoOutOfMemory; kCode throws like kThrow.
+  // throw kCryptoOutOfMemory; kCode throws like kThrow; kShortRead means
+  // nothing to this service.
   xk::fault::Arm("KeyGenerator::GenerateKey", 1, {Kind::kNull, 0, 0}, false);
   EXPECT_EQ(GeneratedKey(16), nullptr);
   auto key = GeneratedKey(16);
@@ -261,6 +265,8 @@ TEST_F(CryptoTest, EveryOperationOfTheLibrarySequencesHasAFaultPoint) {
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, {}); }), kCryptoOutOfMemory);
   xk::fault::Arm("ICryptoParserParameterMap::SetIV", 1, {Kind::kCode, kCryptoInvalidArgument, 0}, false);
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, {}); }), kCryptoInvalidArgument);
+  xk::fault::Arm("Cipher::DoFinal", 1, {Kind::kShortRead, 0, 3}, false);
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, {}); }), 0u);
 }
 
 }  // namespace
