@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "xk/crypto.h"
 #include "xk/fault_point.h"
@@ -267,6 +270,24 @@ TEST_F(CryptoTest, EveryOperationOfTheLibrarySequencesHasAFaultPoint) {
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, {}); }), kCryptoInvalidArgument);
   xk::fault::Arm("Cipher::DoFinal", 1, {Kind::kShortRead, 0, 3}, false);
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kEncrypt, {}); }), 0u);
+}
+
+// The ciphers of one key share the contexts it keeps: each must get one of
+// its own, also when threads take and give them back at once.
+TEST_F(CryptoTest, DistinctCiphersOnSeveralThreadsShareOneKey) {
+  auto key = GeneratedKey(16);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&wrong, &key, t] {
+      for (int i = 0; i < 200; ++i) {
+        const SecureByteVector value = Bytes(static_cast<std::size_t>(i % 50), static_cast<unsigned char>(t));
+        wrong += Transform(key.get(), Cipher::kDecrypt, Transform(key.get(), Cipher::kEncrypt, value)) != value;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace
