@@ -232,40 +232,6 @@ TEST(SafeArray, LockCountingGuardsDestroyOnly) {
   EXPECT_HR(S_OK, SafeArrayDestroy(psa));
 }
 
-// Arrays and strings of every size the service keeps for reuse after their
-// release, and some larger, made and released in turn: a block handed out
-// twice, or kept for a size it is too small for, shows as a changed value.
-TEST(SafeArray, ReleasedBlocksAreReusedSafely) {
-  std::vector<std::pair<SAFEARRAY*, BSTR>> live;
-  auto make = [](int n) {
-    SAFEARRAY* psa = SafeArrayCreateVector(VT_UI1, 0, static_cast<unsigned long>(n));
-    if (psa != nullptr) std::memset(psa->pvData, n, static_cast<std::size_t>(n));
-    return std::make_pair(psa, SysAllocStringByteLen(std::string(static_cast<std::size_t>(n), char('a' + n % 26)).data(), n));
-  };
-  auto intact = [](const std::pair<SAFEARRAY*, BSTR>& each) {
-    const int n = static_cast<int>(each.first->rgsabound[0].cElements);
-    return std::string(static_cast<char*>(each.first->pvData), static_cast<std::size_t>(n)) == std::string(n, char(n)) &&
-           Bytes(each.second) == std::string(static_cast<std::size_t>(n), char('a' + n % 26));
-  };
-  for (int round = 0; round < 3; ++round) {
-    for (int n = 0; n <= 160; ++n) live.push_back(make(n));
-    for (std::size_t i = round; i < live.size(); i += 2) {
-      SafeArrayDestroy(live[i].first);
-      SysFreeString(live[i].second);
-      live[i] = make(static_cast<int>((i * 7) % 161));
-    }
-    for (const auto& each : live) ASSERT_TRUE(intact(each)) << "round " << round;
-  }
-  for (const auto& each : live) {
-    SAFEARRAY* copy = nullptr;
-    ASSERT_EQ(SafeArrayCopy(each.first, &copy), S_OK);
-    EXPECT_TRUE(intact({copy, each.second}));
-    SafeArrayDestroy(copy);
-    SafeArrayDestroy(each.first);
-    SysFreeString(each.second);
-  }
-}
-
 TEST(SafeArray, ZeroElementArraysAreUsable) {
   SAFEARRAYBOUND noRows[2] = {{5, 0}, {0, 0}};  // a registry value with no records
   for (SAFEARRAY* psa : {SafeArrayCreateVector(VT_BSTR, 0, 0), SafeArrayCreate(VT_UI1, 2, noRows)}) {
