@@ -3,13 +3,32 @@
 # database: a store catalogue, a scripted session on the library's data stores
 # (tools/mstore/demo.mstore), an encrypted remanent store whose value outlives
 # the process, then the settings.
+#
+# The machine is left as the demo found it: a key file the demo provisions at
+# the library's fixed path goes at the end, with any folders made for it, also
+# when the demo fails or is interrupted half-way; a key file that was already
+# there is never touched.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
+key_file=/Library/Frameworks/xk.merrowstore.framework/StoreConfiguration/remanentstore.key
+work=""
+own_key=0
+own_dirs=()  # the folders the key file needed, deepest first
+cleanup() {
+  if [ "$own_key" = 1 ]; then
+    rm -f "$key_file" "$key_file.new"
+    echo "(removed the key file the demo provisioned: $key_file)"
+  fi
+  for dir in "${own_dirs[@]}"; do rmdir "$dir" 2>/dev/null || true; done
+  if [ -n "$work" ]; then rm -rf "$work"; fi
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
 bash "$root/scripts/install-deps.sh"
 bash "$root/scripts/build.sh" plain -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 mstore="$root/build/plain/bin/mstore"
 work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
 reg="$work/registry.db"
 say() { echo; echo "\$ mstore $*"; "$mstore" --registry "$reg" "$@"; }
 
@@ -19,10 +38,19 @@ say catalogue add Vault --type remanent --encrypted --product Vault
 say catalogue list
 
 # Stores with a persistent key read the key file at the library's fixed path:
-# provision one unless a usable one is there already (an existing key file is
-# never replaced here).
-if ! "$mstore" keyfile check >/dev/null 2>&1; then
-  say keyfile init || echo "(cannot write the key file here: the Vault store will not register)"
+# provision one, for this demo only, when nothing is there (anything already
+# there, usable or not, is left as it is).
+if [ ! -e "$key_file" ] && [ ! -L "$key_file" ]; then
+  dir="$(dirname "$key_file")"
+  while [ ! -e "$dir" ]; do
+    own_dirs+=("$dir")
+    dir="$(dirname "$dir")"
+  done
+  own_key=1  # from here on: stopped half-way, the init's file goes too
+  if ! say keyfile init; then
+    own_key=0
+    echo "(cannot write the key file here: the Vault store will not register)"
+  fi
 fi
 say keyfile check || true
 say stores

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -33,8 +34,14 @@ struct KeyFileState {
   std::set<FILE*> streams;  // streams opened on the key file path
 };
 
+// A program that a test starts as a child finds its parent's redirect in
+// XK_TEST_KEY_FILE, in force before the library's own loading reads the key.
 KeyFileState& KeyFile() {
-  static KeyFileState* state = new KeyFileState;
+  static KeyFileState* state = [] {
+    auto* fresh = new KeyFileState;
+    if (const char* path = std::getenv("XK_TEST_KEY_FILE")) fresh->redirect = path;
+    return fresh;
+  }();
   return *state;
 }
 
@@ -57,6 +64,11 @@ void AddManualMilliseconds(long long milliseconds) { gManualMs.fetch_add(millise
 void SetKeyFileRedirect(const std::string& path) {
   std::lock_guard<std::mutex> lock(KeyFile().mutex);
   KeyFile().redirect = path;
+}
+
+std::string KeyFileRedirect() {
+  std::lock_guard<std::mutex> lock(KeyFile().mutex);
+  return KeyFile().redirect;
 }
 
 }  // namespace interpose

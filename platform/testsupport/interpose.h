@@ -13,7 +13,9 @@ void SetManualTime(bool on, std::time_t now);
 std::time_t ManualTime();
 void AddManualMilliseconds(long long milliseconds);
 
+// Where fopen of the fixed key file path lands; empty: the path itself.
 void SetKeyFileRedirect(const std::string& path);
+std::string KeyFileRedirect();
 
 }  // namespace interpose
 }  // namespace test

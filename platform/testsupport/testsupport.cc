@@ -90,11 +90,12 @@ Sandbox::Sandbox() {
   m_RegistryPath = m_Dir + "/registry.db";
   m_KeyFilePath = m_Dir + "/remanentstore.key";
   xkRegSetDatabasePath(m_RegistryPath.c_str());
+  m_SavedKeyFileRedirect = interpose::KeyFileRedirect();
   RedirectKeyFile(m_KeyFilePath);
 }
 
 Sandbox::~Sandbox() {
-  RedirectKeyFile("");
+  RedirectKeyFile(m_SavedKeyFileRedirect);
   xkRegSetDatabasePath(nullptr);
   nftw(m_Dir.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }

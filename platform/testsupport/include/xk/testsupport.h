@@ -90,12 +90,15 @@ class XK_EXPORT Sandbox {
   std::string m_RegistryPath;
   std::string m_KeyFilePath;
   std::string m_SavedRegistryPath;
+  std::string m_SavedKeyFileRedirect;  // put back when the sandbox goes
 };
 
 // The fixed key file path of the library; fopen of it is redirected by a
 // Sandbox or by RedirectKeyFile.
 XK_EXPORT extern const char* const kFixedKeyFilePath;
-// Redirects fopen of kFixedKeyFilePath to `path` (empty: no redirect).
+// Redirects fopen of kFixedKeyFilePath to `path` (empty: no redirect). A
+// program started with XK_TEST_KEY_FILE set begins with that redirect, so a
+// test can hand its sandbox's key file to a child process.
 XK_EXPORT void RedirectKeyFile(const std::string& path);
 
 // Drives time() and the timer service while it lives: time() returns a
