@@ -49,8 +49,8 @@ TEST(DataStoreConcurrency, StoresWrittenAtOnceKeepExactCounters) {
   // Every write and every removal moved the content counters once; each of the
   // four compartments was new once.
   for (const std::string& id : ids) {
-    EXPECT_EQ(VersionsOf(id), V(4, 2 * kRounds)) << id;
-    EXPECT_EQ(VersionsOf(id + "/s"), V(4, 2 * kRounds)) << id;
-    EXPECT_EQ(VersionsOf(id + "/s/c3"), V(1, 2 * kRounds / 4)) << id;
+    EXPECT_EQ(Versions(id), V(4, 2 * kRounds)) << id;
+    EXPECT_EQ(Versions(id + "/s"), V(4, 2 * kRounds)) << id;
+    EXPECT_EQ(Versions(id + "/s/c3"), V(1, 2 * kRounds / 4)) << id;
   }
 }
