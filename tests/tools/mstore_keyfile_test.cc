@@ -1,23 +1,17 @@
+// mstore keyfile: what it writes is the key the library reads.
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <fstream>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "crypto/CommonCrypto.h"
 #include "crypto/KeyFileMask.h"
-#include "xk/testsupport.h"
+#include "mstore_test_support.h"
+
+using namespace mstoretest;
 
 namespace {
-
-int Mstore(const std::string& args) {
-  int raw = std::system((std::string(MSTORE_BINARY) + " " + args + " >/dev/null 2>&1").c_str());
-  return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-}
 
 std::vector<unsigned char> ReadAll(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -36,38 +30,33 @@ std::vector<unsigned char> LibraryKey() {
 
 }  // namespace
 
-TEST(MstoreKeyFile, InitWritesAPrivateMaskedKeyThatTheLibraryReads) {
+TEST(MstoreKeyFile, InitWritesAPrivateMaskedKeyThatTheLibraryReadsAndCheckJudgesIt) {
   xk::test::Sandbox sandbox;
-  const std::string path = sandbox.KeyFilePath();
-  EXPECT_NE(Mstore("keyfile check --path '" + path + "'"), 0);  // nothing there yet
-
-  ASSERT_EQ(Mstore("keyfile init --path '" + path + "'"), 0);
-  EXPECT_EQ(Mstore("keyfile check --path '" + path + "'"), 0);
+  const std::string path = " --path '" + sandbox.KeyFilePath() + "'";
+  EXPECT_NE(RunMstore(sandbox, "keyfile check" + path).status, 0);  // nothing there yet
+  ASSERT_EQ(RunMstore(sandbox, "keyfile init" + path).status, 0);
+  EXPECT_EQ(RunMstore(sandbox, "keyfile check" + path).status, 0);
   struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  ASSERT_EQ(stat(sandbox.KeyFilePath().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-  std::vector<unsigned char> stored = ReadAll(path);
+  const std::vector<unsigned char> stored = ReadAll(sandbox.KeyFilePath());
   ASSERT_EQ(stored.size(), 16u);
-  std::vector<unsigned char> key = LibraryKey();
+  const std::vector<unsigned char> key = LibraryKey();
   ASSERT_EQ(key.size(), 16u);
   for (std::size_t i = 0; i < 16; ++i) EXPECT_EQ(key[i], stored[i] ^ KeyFileMask[i]) << i;
 
   // An existing key file is kept unless --force says otherwise.
-  EXPECT_NE(Mstore("keyfile init --path '" + path + "'"), 0);
-  EXPECT_EQ(ReadAll(path), stored);
-  ASSERT_EQ(Mstore("keyfile init --force --path '" + path + "'"), 0);
-  EXPECT_NE(ReadAll(path), stored);
+  EXPECT_NE(RunMstore(sandbox, "keyfile init" + path).status, 0);
+  EXPECT_EQ(ReadAll(sandbox.KeyFilePath()), stored);
+  ASSERT_EQ(RunMstore(sandbox, "keyfile init --force" + path).status, 0);
+  EXPECT_NE(ReadAll(sandbox.KeyFilePath()), stored);
   EXPECT_NE(LibraryKey(), key);
-}
 
-TEST(MstoreKeyFile, CheckRefusesShortAndMissingFiles) {
-  xk::test::Sandbox sandbox;
+  // Short files, folders and a file where a folder should be are refused.
   sandbox.WriteKeyFile(std::vector<unsigned char>(15, 7));
-  EXPECT_NE(Mstore("keyfile check --path '" + sandbox.KeyFilePath() + "'"), 0);
+  EXPECT_NE(RunMstore(sandbox, "keyfile check" + path).status, 0);
   sandbox.WriteKeyFile(std::vector<unsigned char>(17, 7));
-  EXPECT_EQ(Mstore("keyfile check --path '" + sandbox.KeyFilePath() + "'"), 0);
-  EXPECT_NE(Mstore("keyfile check --path '" + sandbox.Dir() + "'"), 0);  // a folder
-  // A file where a folder should be.
-  EXPECT_NE(Mstore("keyfile init --force --path '" + sandbox.KeyFilePath() + "/k.key'"), 0);
+  EXPECT_EQ(RunMstore(sandbox, "keyfile check" + path).status, 0);
+  EXPECT_NE(RunMstore(sandbox, "keyfile check --path '" + sandbox.Dir() + "'").status, 0);
+  EXPECT_NE(RunMstore(sandbox, "keyfile init --force --path '" + sandbox.KeyFilePath() + "/k.key'").status, 0);
 }

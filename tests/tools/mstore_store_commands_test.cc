@@ -95,11 +95,8 @@ TEST(MstoreShell, OneProcessKeepsTheMemoryStoreAcrossCommands) {
       {"set Demo user/alice name text \"Alice \\\"A\\\" Doe\" x", "S_OK"},
       {"get Demo user/alice name", "S_OK: text \"Alice \\\"A\\\" Doe\" \"x\""},
       {"set Demo user/alice key bytes \"00 ff\" 10", "S_OK"},
-      {"get Demo user/alice key", "S_OK: bytes 00ff10"},
       {"set Demo user/alice n uint64 0x10 18446744073709551615", "S_OK"},
-      {"get Demo user/alice n", "S_OK: uint64 16 18446744073709551615"},
       {"set Demo user/bob n int -5 2147483647", "S_OK"},
-      {"get Demo user/bob n", "S_OK: int -5 2147483647"},
       {"versions Demo user/alice", "S_OK: cached, compartment version 1, content version 3"},
       {"touch Demo user/alice", "S_OK"},
       {"versions Demo user/alice", "S_OK: cached, compartment version 2, content version 4"},
@@ -156,15 +153,20 @@ TEST(MstoreShell, ARemanentStoreKeepsItsValuesAcrossInvocations) {
 TEST(MstoreShell, LinesThatCannotRunAreReportedAndTheRestRuns) {
   xk::test::Sandbox sandbox;
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Demo").status, 0);
-  const std::string script = WriteScript(sandbox,
-                                         "frob\n"
-                                         "set Demo a b bytes 0g\n"
-                                         "set Demo a b text \"open\n"
-                                         "get Demo a\n"
-                                         "set Demo a b uint 4294967296\n"
-                                         "set Demo a b float 1\n"
-                                         "set Demo a b text ok\n"
-                                         "get Demo a b\n");
+  std::string text =
+      "frob\n"
+      "set Demo a b bytes 0g\n"
+      "set Demo a b text \"open\n"
+      "get Demo a\n"
+      "set Demo a b uint 4294967296\n"
+      "set Demo a b float 1\n"
+      "set Demo a b text ok\n"
+      "get Demo a b\n";
+  // Numbers out of their kind's range or badly written.
+  for (const char* value : {"int8 128", "int8 -129", "uint16 -1", "int 0x", "uint 1.5", "uint64 18446744073709551616",
+                            "int32 - 1", "uint +1", "bytes 0x00"})
+    text += std::string("set Demo c v ") + value + "\n";
+  const std::string script = WriteScript(sandbox, text);
   Result r = RunMstore(sandbox, "shell --script '" + script + "'");
   EXPECT_EQ(r.status, 1);
   for (const char* line : {"mstore: line 1: unknown command \"frob\" (help lists the commands)\n",
@@ -173,7 +175,7 @@ TEST(MstoreShell, LinesThatCannotRunAreReportedAndTheRestRuns) {
                            "mstore: line 4: usage: get STORE COMPARTMENT DATA\n",
                            "mstore: line 5: not a uint number: 4294967296\n",
                            "mstore: line 6: unknown value kind \"float\"", "S_OK: text \"ok\"\n",
-                           "mstore: 6 of 8 commands could not be run\n"})
+                           "mstore: 15 of 17 commands could not be run\n"})
     EXPECT_TRUE(Has(r.out, line)) << line << "\n" << r.out;
 
   Result stopped = RunMstore(sandbox, "shell --stop-on-error --script '" + script + "'");
@@ -193,7 +195,10 @@ TEST(MstoreShell, ValuesOfEveryKindComeBackAsWritten) {
       {"int32 -2147483648", "int32 -2147483648"},
       {"uint32 0xFFFFFFFF 007", "uint32 4294967295 7"},
       {"int64 -9223372036854775808 0x7fffffffffffffff", "int64 -9223372036854775808 9223372036854775807"},
+      {"uint64 0x10 18446744073709551615", "uint64 16 18446744073709551615"},
+      {"int -5 2147483647", "int -5 2147483647"},
       {"uint", "uint"},
+      {"bytes \"00 ff\" 10", "bytes 00ff10"},
       {"bytes", "bytes \"\""},
       {"text a\"b c\"d \"\" \"back\\\\slash\" x#y", "text \"ab cd\" \"\" \"back\\\\slash\" \"x#y\""},
   };
@@ -205,13 +210,4 @@ TEST(MstoreShell, ValuesOfEveryKindComeBackAsWritten) {
   Result r = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, script) + "'");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, expected);
-
-  const std::vector<std::string> refused = {"int8 128",  "int8 -129", "uint16 -1", "int 0x",   "uint 1.5",
-                                            "uint64 18446744073709551616", "int32 - 1", "uint +1", "bytes 0x00"};
-  script.clear();
-  for (const std::string& value : refused) script += "set Demo c v " + value + "\n";
-  r = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, script) + "'");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(Has(r.out, "mstore: 9 of 9 commands could not be run\n")) << r.out;
-  EXPECT_FALSE(Has(r.out, "S_OK")) << r.out;
 }
