@@ -43,8 +43,9 @@ struct AuthParameter {
 // register at load; the log says "<operation> Didn't find this id"), for an
 // empty PIN session id and for a PIN session id that could not be handed out;
 // E_INVALIDARG from the store for a PIN that is not cached; other failures pass
-// up from the store. Outputs are written only on success, each only when its
-// pointer is not NULL.
+// up from the store. Outputs are written only when the store call succeeded,
+// each only when its pointer is not NULL; a value or a PIN session id the
+// caller did not ask for is released.
 class MERROWSTORE_EXPORT CStaticAuthCacheClient {
  public:
   CStaticAuthCacheClient();
