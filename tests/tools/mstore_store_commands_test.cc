@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <regex>
 #include <utility>
 #include <vector>
 
@@ -61,7 +62,8 @@ TEST(MstoreCatalogue, AddListAndRemoveEntries) {
 
 TEST(MstoreStores, ListsWhatTheLibraryRegisteredAndWhatItDidNot) {
   xk::test::Sandbox sandbox;
-  EXPECT_EQ(RunMstore(sandbox, "stores").out, "no data store: the catalogue is empty\n");
+  const std::string pinStore = "PIN store {AEA79AF9-BECB-490a-BCCB-CD0806BA970D}: volatile, encrypted, shared\n";
+  EXPECT_EQ(RunMstore(sandbox, "stores").out, pinStore + "no data store: the catalogue is empty\n");
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Demo").status, 0);
   ASSERT_EQ(RunMstore(sandbox, "catalogue add Other --not-shared --product Acme").status, 0);
   // An empty product is always refused.
@@ -71,6 +73,7 @@ TEST(MstoreStores, ListsWhatTheLibraryRegisteredAndWhatItDidNot) {
   Result stores = RunMstore(sandbox, "stores");
   EXPECT_EQ(stores.status, 0);
   EXPECT_EQ(stores.out,
+            pinStore +
             "Demo: memory, not encrypted, shared, product \"Keldara\"\n"
             "Other: memory, not encrypted, not shared, product \"Acme\"\n"
             "Remanent: remanent, not encrypted, shared, product \"Keldara\"\n"
@@ -210,4 +213,56 @@ TEST(MstoreShell, ValuesOfEveryKindComeBackAsWritten) {
   Result r = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, script) + "'");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, expected);
+}
+
+TEST(MstoreShell, PinCommandsPlayAMiddlewaresRound) {
+  xk::test::Sandbox sandbox;
+  const std::vector<std::pair<std::string, std::string>> steps = {
+      {"pin-set card user 1234 Action=Authenticate", "S_OK: PIN session id UUID"},
+      {"pin-probe-ex card user IsACRPINAlways=Yes", "S_OK: available, PIN session id UUID"},
+      {"pin-get-ex card user IsACRPINAlways=Yes", "S_OK: available, PIN \"1234\", PIN session id UUID"},
+      {"pin-probe card user IsACRPINAlways=Yes", "S_OK: not cached, PIN session id UUID"},
+      {"pin-get-ex card user IsACRPINAlways=Yes", "S_OK: prompt, PIN \"1234\", PIN session id UUID"},
+      {"pin-state card user available", "S_OK"},
+      {"pin-get card user", "S_OK: PIN \"1234\", PIN session id UUID"},
+      {"pin-probe-ex card user IsACRPINAlways=Yes", "S_OK: prompt, PIN session id UUID"},
+      {"pin-set card user \"12 34\" --id my-id BypassPINAlways=True", "S_OK"},
+      {"pin-get-ex card user --id my-id IsACRPINAlways=Yes", "S_OK: available, PIN \"12 34\""},
+      {"pin-probe card user", "S_OK: cached, PIN session id my-id"},
+      {"pin-remove card user --id my-id", "S_OK"},
+      {"pin-get card user", "E_INVALIDARG 0x80070057: not cached"},
+      {"pin-get card user Action=None",
+       "S_OK: nothing came back (with parameters the client answers S_OK for a failed call)"},
+      {"pin-set other/sub p 1", "S_OK: PIN session id UUID"},
+      {"pin-remove-compartment other", "S_OK"},
+      {"pin-probe other/sub p", "E_INVALIDARG 0x80070057: not cached"},
+      {"pin-flush", "S_OK"},
+  };
+  std::string script, expected;
+  for (const auto& [command, result] : steps) {
+    script += command + "\n";
+    expected += result + "\n";
+  }
+  Result r = RunMstore(sandbox, "shell --script '" + WriteScript(sandbox, script) + "'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(std::regex_replace(r.out, std::regex("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"), "UUID"), expected);
+
+  const std::string bad = WriteScript(sandbox,
+                                      "pin-set card user\n"
+                                      "pin-get card user Action\n"
+                                      "pin-get card user IsAcrPinAlways=Yes\n"
+                                      "pin-probe card user --id\n"
+                                      "pin-state card user maybe\n"
+                                      "pin-flush --id x\n");
+  r = RunMstore(sandbox, "shell --script '" + bad + "'");
+  EXPECT_EQ(r.status, 1);
+  for (const char* line :
+       {"line 1: usage: pin-set COMPARTMENT PIN-ID PIN [--id ID] [NAME=VALUE...]\n",
+        "line 2: pin-get takes NAME=VALUE parameters and --id ID after its arguments, not \"Action\"\n",
+        "line 3: unknown parameter \"IsAcrPinAlways\" (parameters: IsACRPINAlways Action AllProcess",
+        "line 4: --id needs a PIN session id (the one pin-set printed)\n",
+        "line 5: a PIN state is prompt, available, confirm or a number, not \"maybe\"\n",
+        "line 6: pin-flush takes NAME=VALUE parameters after its arguments, not \"--id\"\n",
+        "mstore: 6 of 6 commands could not be run\n"})
+    EXPECT_TRUE(Has(r.out, line)) << line << "\n" << r.out;
 }

@@ -54,12 +54,12 @@ int RunInPlugin(MstoreShellRequest request) {
 void AddLibraryCommands(CLI::App& root, int& status) {
   auto args = std::make_shared<Args>();
 
-  root.add_subcommand("stores", "Load the library and show the data stores it registered from the catalogue")
+  root.add_subcommand("stores", "Load the library and show its PIN store and the data stores it registered from the catalogue")
       ->callback([&status] { status = RunInPlugin({0, kMstoreShellStores, nullptr, 0, 0}); });
 
   CLI::App* shell = root.add_subcommand(
-      "shell", "Load the library and run data store commands from the terminal, a script or standard input "
-               "(type help for the commands)");
+      "shell", "Load the library and run data store and PIN commands from the terminal, a script or standard "
+               "input (type help for the commands)");
   shell->add_option("--script", args->script, "Read the commands from this file")->check(CLI::ExistingFile);
   shell->add_flag("--stop-on-error", args->stopOnError, "Stop at the first line that cannot be run");
   shell->add_flag("--echo", args->echo, "Print each command before its result");

@@ -44,7 +44,26 @@ const Command kCommands[] = {
      RunVersions},
     {"flush-store", "STORE", "empty a store and forget its versions", 1, 1, RunFlushStore},
     {"flush-product", "PRODUCT", "flush every store of a product", 1, 1, RunFlushProduct},
-    {"stores", "", "the registered stores, and catalogue entries that did not register", 0, 0, RunStores},
+    {"pin-set", "COMPARTMENT PIN-ID PIN [--id ID] [NAME=VALUE...]",
+     "cache a PIN (the bytes of the word) and print the PIN session id it got; --id: under that id", 3, kAny,
+     RunPinSet},
+    {"pin-get", "COMPARTMENT PIN-ID [--id ID] [NAME=VALUE...]", "read a PIN and its PIN session id (spends the token)",
+     2, kAny, RunPinGet},
+    {"pin-get-ex", "COMPARTMENT PIN-ID [--id ID] [NAME=VALUE...]",
+     "read a PIN with what the caller must do: available, prompt or confirm", 2, kAny, RunPinGetEx},
+    {"pin-probe", "COMPARTMENT PIN-ID [--id ID] [NAME=VALUE...]",
+     "whether a PIN may be used as cached (a PIN that calls for prompt or confirm reads as not cached)", 2, kAny,
+     RunPinProbe},
+    {"pin-probe-ex", "COMPARTMENT PIN-ID [--id ID] [NAME=VALUE...]",
+     "the state a read would give, without spending the token or delaying expiry", 2, kAny, RunPinProbeEx},
+    {"pin-state", "COMPARTMENT PIN-ID STATE [--id ID] [NAME=VALUE...]",
+     "set a PIN's token: available, or prompt (confirm and other numbers also spend it)", 3, kAny, RunPinState},
+    {"pin-remove", "COMPARTMENT PIN-ID [--id ID] [NAME=VALUE...]", "remove a PIN", 2, kAny, RunPinRemove},
+    {"pin-remove-compartment", "COMPARTMENT [NAME=VALUE...]", "remove a compartment with its PINs", 1, kAny,
+     RunPinRemoveCompartment},
+    {"pin-flush", "[NAME=VALUE...]", "remove every PIN and its timer", 0, kAny, RunPinFlush},
+    {"stores", "", "the PIN stores, the registered data stores, and catalogue entries that did not register", 0, 0,
+     RunStores},
     {"info", "STORE", "a store's configuration", 1, 1, RunInfo},
     {"log", "[on|off|LEVELS]",
      "print the library's log after each result: on (failure, detail), off, or levels such as 1,2,8,16 or all", 0,
@@ -73,7 +92,12 @@ bool RunHelp(Session& s, const Words& args, std::string& error) {
     s.out << "  " << std::left << std::setw(static_cast<int>(width + 2)) << Usage(c) << c.summary << "\n";
   s.out << "Value kinds: " << ValueKinds() << ", e.g. set S C D text \"a b\" c, set S C D bytes 00ff10,\n"
         << "set S C D uint 1 2 3. Words in double quotes may hold blanks (\"\" is an empty word);\n"
-        << "'#' starts a comment. Results: S_OK, or a failure code with its meaning.\n";
+        << "'#' starts a comment. Results: S_OK, or a failure code with its meaning.\n"
+        << "The pin- commands work on the start-up PIN store; a PIN is kept as the bytes of its word.\n"
+        << "--id ID calls the FromPINSessionId form with a PIN session id that pin-set printed.\n"
+        << "Parameters: IsACRPINAlways=Yes|No Action=None|Authenticate|ChangeAuthenticator\n"
+        << "AllProcess=True|False AllSession=True|False BypassPINAlways=True|False CheckClientCaller=...\n"
+        << "With parameters the client answers S_OK for a failed call: \"nothing came back\" tells.\n";
   return true;
 }
 

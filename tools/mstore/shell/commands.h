@@ -48,6 +48,18 @@ bool RunFlushProduct(Session& s, const Words& args, std::string& error);
 bool RunStores(Session& s, const Words& args, std::string& error);
 bool RunInfo(Session& s, const Words& args, std::string& error);
 
+// The commands on the library's PIN client, on the start-up PIN store
+// (pin_commands.cc).
+bool RunPinSet(Session& s, const Words& args, std::string& error);
+bool RunPinGet(Session& s, const Words& args, std::string& error);
+bool RunPinGetEx(Session& s, const Words& args, std::string& error);
+bool RunPinProbe(Session& s, const Words& args, std::string& error);
+bool RunPinProbeEx(Session& s, const Words& args, std::string& error);
+bool RunPinState(Session& s, const Words& args, std::string& error);
+bool RunPinRemove(Session& s, const Words& args, std::string& error);
+bool RunPinRemoveCompartment(Session& s, const Words& args, std::string& error);
+bool RunPinFlush(Session& s, const Words& args, std::string& error);
+
 }  // namespace mstore
 
 #endif

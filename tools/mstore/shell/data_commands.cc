@@ -141,7 +141,7 @@ bool RunFlushProduct(Session& s, const Words& args, std::string&) {
 }
 
 bool RunStores(Session& s, const Words&, std::string&) {
-  PrintStores(s.client, s.out);
+  PrintStores(s.client, s.pins, s.out);
   return true;
 }
 

@@ -18,7 +18,7 @@ extern "C" XK_EXPORT int MstoreShellMain(const MstoreShellRequest* request) {
     return 1;
   }
   mstore::Session session(std::cout);
-  if (request->command == kMstoreShellStores) return mstore::PrintStores(session.client, std::cout);
+  if (request->command == kMstoreShellStores) return mstore::PrintStores(session.client, session.pins, std::cout);
 
   mstore::ShellOptions options;
   options.stopOnError = request->stopOnError != 0;

@@ -17,7 +17,50 @@ std::vector<std::string> RegisteredIds(QX::DataStore::CStaticDataCacheClient& cl
   return IdsOf(ids.get());
 }
 
+std::vector<std::string> PinStoreIds(QX::AuthStore::CStaticAuthCacheClient& pins, HRESULT& hr) {
+  ScopedArray ids;
+  hr = pins.ListAuthStoreIds(ids.out());
+  return IdsOf(ids.get());
+}
+
+// The PIN stores, one line each; a note when the start-up store is missing.
+bool PrintPinStores(QX::AuthStore::CStaticAuthCacheClient& pins, std::ostream& out) {
+  HRESULT hr;
+  const std::vector<std::string> ids = PinStoreIds(pins, hr);
+  if (FAILED(hr)) {
+    out << "ListAuthStoreIds: " << ResultText(hr) << "\n";
+    return false;
+  }
+  for (const std::string& id : ids) {
+    ScopedBstr storeId(id);
+    QX::AuthStore::AuthType type = QX::AuthStore::AuthTypeVolatile;
+    signed char encrypted = 0, shared = 0;
+    hr = pins.GetAuthStoreInfo(storeId.get(), &type, &encrypted, &shared);
+    out << "PIN store " << id << ": ";
+    if (FAILED(hr)) {
+      out << ResultText(hr) << "\n";
+      continue;
+    }
+    out << (type == QX::AuthStore::AuthTypeVolatile   ? "volatile"
+            : type == QX::AuthStore::AuthTypeRemanent ? "remanent"
+                                                      : "type " + std::to_string(static_cast<int>(type)))
+        << (encrypted ? ", encrypted" : ", not encrypted") << (shared ? ", shared" : ", not shared") << "\n";
+  }
+  if (std::find(ids.begin(), ids.end(), kStartUpPinStore) == ids.end())
+    out << "no PIN store " << kStartUpPinStore << ": the library could not register it; `mstore --log failure "
+        << "stores` shows why\n";
+  return true;
+}
+
 }  // namespace
+
+const char kStartUpPinStore[] = "{AEA79AF9-BECB-490a-BCCB-CD0806BA970D}";
+
+bool PinStoreRegistered(QX::AuthStore::CStaticAuthCacheClient& pins) {
+  HRESULT hr;
+  const std::vector<std::string> ids = PinStoreIds(pins, hr);
+  return std::find(ids.begin(), ids.end(), kStartUpPinStore) != ids.end();
+}
 
 std::string StoreInfoText(QX::DataStore::Type type, signed char encrypted, signed char shared,
                           const char* product) {
@@ -35,7 +78,9 @@ bool StoreRegistered(QX::DataStore::CStaticDataCacheClient& client, const std::s
   return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
-int PrintStores(QX::DataStore::CStaticDataCacheClient& client, std::ostream& out) {
+int PrintStores(QX::DataStore::CStaticDataCacheClient& client, QX::AuthStore::CStaticAuthCacheClient& pins,
+                std::ostream& out) {
+  if (!PrintPinStores(pins, out)) return 1;
   HRESULT hr;
   const std::vector<std::string> ids = RegisteredIds(client, hr);
   if (FAILED(hr)) {
