@@ -2,7 +2,9 @@
 # Builds the project and runs the main job: mstore on a private registry
 # database: a store catalogue, a scripted session on the library's data stores
 # (tools/mstore/demo.mstore), an encrypted remanent store whose value outlives
-# the process, then the settings.
+# the process, a middleware's round with the PIN cache
+# (tools/mstore/demo-pin.mstore, twice: the PIN-always mode differs), then the
+# settings.
 #
 # The machine is left as the demo found it: a key file the demo provisions at
 # the library's fixed path goes at the end, with any folders made for it, also
@@ -64,7 +66,17 @@ say registry show 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore\RemanentDa
 # ...and another process reads it back in clear.
 echo; echo "\$ echo 'get Vault user/alice pin' | mstore shell"
 echo 'get Vault user/alice pin' | "$mstore" --registry "$reg" shell
-say settings set Merrowstore.Authentication.Timeout 30
+
+# The PIN cache, as a middleware uses it. A timeout of 0 minutes keeps a PIN
+# 5 seconds after its last use.
+say settings set Merrowstore.Authentication.Timeout 0
+say shell --echo --script "$root/tools/mstore/demo-pin.mstore"
+# The same round in a new process, with spent PIN-always PINs answered by a
+# confirmation; then the process waits until the PIN's timer has removed it.
+say settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys 1
+probe='pin-probe-ex card-0042 user-pin'
+echo; echo "\$ { cat tools/mstore/demo-pin.mstore; sleep 6; echo '$probe'; } | mstore shell --echo"
+{ cat "$root/tools/mstore/demo-pin.mstore"; sleep 6; echo "$probe"; } | "$mstore" --registry "$reg" shell --echo
 say settings show
 say registry dump 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore'
 echo
