@@ -1,9 +1,11 @@
 #include "cipher.h"
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <memory>
 
 #include "algorithm.h"
@@ -47,40 +49,86 @@ void AesCipher::Init(int direction, QX::Framework::IKey* key) {
   // A failed Init leaves the cipher uninitialised, whatever it was before.
   m_Initialised = false;
   ReleaseContext();
-  const EVP_CIPHER* cipher = EvpCipherCache::Get().Find(own.Size(), m_Cbc);
+  // The block cipher of the key's size, whatever the mode: the mode is done
+  // here.
+  const EVP_CIPHER* cipher = EvpCipherCache::Get().Find(own.Size(), false);
   if (cipher == nullptr) Throw(QX::Framework::kCryptoOperationFailed, kOperation, "AES not available from OpenSSL");
-  const unsigned slot = ContextPool::Slot(m_Cbc, direction == kEncrypt, m_Padding);
+  const bool encrypt = direction == kEncrypt;
+  const unsigned slot = ContextPool::Slot(false, encrypt, false);
   m_Context = own.Contexts()->Take(slot);
-  if (m_Context != nullptr) {
-    // The key schedule, direction and padding are in place: the IV and the
-    // state of a new message are all that is set.
-    if (EVP_CipherInit_ex2(m_Context, nullptr, nullptr, m_Cbc ? m_IV.data() : nullptr, -1, nullptr) != 1) {
-      ThrowOpenSsl(kOperation, "EVP_CipherInit_ex2 failed");
-    }
-  } else {
+  if (m_Context == nullptr) {
     m_Context = EVP_CIPHER_CTX_new();
     if (m_Context == nullptr) {
       ERR_clear_error();
       Throw(QX::Framework::kCryptoOutOfMemory, kOperation, "EVP_CIPHER_CTX_new failed");
     }
-    if (EVP_CipherInit_ex2(m_Context, cipher, own.Bytes(), m_Cbc ? m_IV.data() : nullptr, direction == kEncrypt,
-                           nullptr) != 1 ||
-        EVP_CIPHER_CTX_set_padding(m_Context, m_Padding) != 1) {
+    if (EVP_CipherInit_ex2(m_Context, cipher, own.Bytes(), nullptr, encrypt, nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(m_Context, 0) != 1) {
       ThrowOpenSsl(kOperation, "EVP_CipherInit_ex2 failed");
     }
   }
   // Set up in full: the context may go back to the key's pool.
   m_Pool = own.Contexts();
   m_Slot = slot;
+  m_Encrypt = encrypt;
   m_Initialised = true;
-  m_Fresh = true;
 }
 
-void AesCipher::Restart(const char* operation) {
-  if (EVP_CipherInit_ex2(m_Context, nullptr, nullptr, m_Cbc ? m_IV.data() : nullptr, -1, nullptr) != 1 ||
-      EVP_CIPHER_CTX_set_padding(m_Context, m_Padding) != 1) {
-    ThrowOpenSsl(operation, "EVP_CipherInit_ex2 failed");
+bool AesCipher::Blocks(unsigned char* out, const unsigned char* in, std::size_t length) {
+  return EVP_Cipher(m_Context, out, in, static_cast<unsigned int>(length)) == static_cast<int>(length);
+}
+
+bool AesCipher::Encrypt(const SecureByteVector& input, SecureByteVector& result) {
+  const std::size_t n = input.size();
+  // PKCS7 always adds 1 to 16 bytes, each the count; without padding only
+  // whole blocks are taken.
+  const std::size_t padding = m_Padding ? kBlock - n % kBlock : 0;
+  if (!m_Padding && n % kBlock != 0) return false;
+  const std::size_t length = n + padding;
+  result.resize(length);
+  if (!m_Cbc) {
+    if (n > 0) std::memcpy(result.data(), input.data(), n);
+    std::memset(result.data() + n, static_cast<int>(padding), padding);
+    return length == 0 || Blocks(result.data(), result.data(), length);
   }
+  // CBC: each plain block is XORed with the previous cipher block (the IV
+  // first) and encrypted.
+  const unsigned char* previous = m_IV.data();
+  unsigned char block[kBlock];
+  for (std::size_t at = 0; at < length; at += kBlock) {
+    for (std::size_t i = 0; i < kBlock; ++i) {
+      const unsigned char plain = at + i < n ? input[at + i] : static_cast<unsigned char>(padding);
+      block[i] = plain ^ previous[i];
+    }
+    if (!Blocks(result.data() + at, block, kBlock)) {
+      OPENSSL_cleanse(block, sizeof block);
+      return false;
+    }
+    previous = result.data() + at;
+  }
+  OPENSSL_cleanse(block, sizeof block);
+  return true;
+}
+
+bool AesCipher::Decrypt(const SecureByteVector& input, SecureByteVector& result) {
+  const std::size_t n = input.size();
+  if (n % kBlock != 0 || (m_Padding && n == 0)) return false;
+  result.resize(n);
+  if (n > 0 && !Blocks(result.data(), input.data(), n)) return false;
+  if (m_Cbc) {
+    // CBC: each decrypted block is XORed with the cipher block before it (the
+    // IV first); `input` is still intact, even when it is `output`.
+    for (std::size_t i = 0; i < n; ++i) result[i] ^= i < kBlock ? m_IV[i] : input[i - kBlock];
+  }
+  if (!m_Padding) return true;
+  // PKCS7: the last byte p, 1 to 16, and the last p bytes all p.
+  const unsigned char p = result[n - 1];
+  if (p == 0 || p > kBlock) return false;
+  for (std::size_t i = n - p; i < n; ++i) {
+    if (result[i] != p) return false;
+  }
+  result.resize(n - p);
+  return true;
 }
 
 void AesCipher::DoFinal(const SecureByteVector& input, SecureByteVector& output) {
@@ -90,21 +138,16 @@ void AesCipher::DoFinal(const SecureByteVector& input, SecureByteVector& output)
   if (input.size() > static_cast<std::size_t>(INT_MAX) - 2 * kBlock) {
     Throw(QX::Framework::kCryptoInvalidArgument, kOperation, "input too long");
   }
-  if (!m_Fresh) Restart(kOperation);
-  m_Fresh = false;
   // The result is built aside and swapped in, so a failure leaves `output`
   // as it was and `input` may be the same vector as `output`. What a failed
   // decryption wrote aside is wiped before it is released.
-  SecureByteVector result = Guarded(kOperation, [&] { return SecureByteVector(input.size() + kBlock); });
-  int written = 0;
-  int last = 0;
-  if (EVP_CipherUpdate(m_Context, result.data(), &written, input.data(), static_cast<int>(input.size())) != 1 ||
-      EVP_CipherFinal_ex(m_Context, result.data() + written, &last) != 1) {
+  SecureByteVector result;
+  Guarded(kOperation, [&] { result.reserve(input.size() + kBlock); });
+  if (!(m_Encrypt ? Encrypt(input, result) : Decrypt(input, result))) {
     OPENSSL_cleanse(result.data(), result.size());
     ThrowOpenSsl(kOperation, m_Padding ? "EVP_CipherUpdate/Final failed (bad padding or length)"
                                        : "EVP_CipherUpdate/Final failed (input not a multiple of 16 bytes)");
   }
-  result.resize(static_cast<std::size_t>(written + last));
   output.swap(result);
 }
 

@@ -12,12 +12,15 @@
 namespace xk {
 namespace crypto {
 
-// AES in CBC or ECB with PKCS7 or no padding, over one EVP_CIPHER_CTX that
-// the object owns from Init on. Init takes a context that holds the key's
-// schedule from the key's ContextPool, or makes one and puts the schedule
-// into it; destruction gives it back to that pool (OpenSSL wipes the
-// schedule when a context is freed). The object keeps no other copy of the
-// key.
+// AES in CBC or ECB with PKCS7 or no padding. OpenSSL transforms the blocks,
+// through one AES-ECB EVP_CIPHER_CTX without padding that the object owns
+// from Init on; the CBC chaining from the IV and the PKCS7 padding are done
+// here, so a context holds no state between messages and never has to be
+// set up again: each DoFinal starts from the IV. Init takes a context that
+// holds the key's schedule from the key's ContextPool, or makes one and puts
+// the schedule into it; destruction gives it back to that pool (OpenSSL
+// wipes the schedule when a context is freed). The object keeps no other
+// copy of the key.
 class AesCipher final : public QX::Framework::Cipher {
  public:
   AesCipher(bool cbc, bool padding, const SecureByteVector& iv);
@@ -29,11 +32,14 @@ class AesCipher final : public QX::Framework::Cipher {
   void DoFinal(const SecureByteVector& input, SecureByteVector& output) override;
 
  private:
-  // Puts the context back at the start of a message: the IV again and the
-  // padding choice, keeping the key schedule.
-  void Restart(const char* operation);
   // Gives the context back to the pool it came from, or frees it.
   void ReleaseContext();
+  // Whole blocks through the context: `length` is a multiple of 16.
+  bool Blocks(unsigned char* out, const unsigned char* in, std::size_t length);
+  // The transformations of DoFinal, into `result` (sized by the caller);
+  // false for an input the mode and padding refuse.
+  bool Encrypt(const SecureByteVector& input, SecureByteVector& result);
+  bool Decrypt(const SecureByteVector& input, SecureByteVector& result);
 
   bool m_Cbc;
   bool m_Padding;
@@ -43,8 +49,8 @@ class AesCipher final : public QX::Framework::Cipher {
   // holds no finished set-up.
   std::shared_ptr<ContextPool> m_Pool;
   unsigned m_Slot = 0;
+  bool m_Encrypt = false;
   bool m_Initialised = false;
-  bool m_Fresh = false;  // true between Init and the first DoFinal
 };
 
 }  // namespace crypto

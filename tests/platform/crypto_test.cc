@@ -103,6 +103,7 @@ TEST_F(CryptoTest, PublishedCbcAndEcbVectors) {
       "3ad77bb40d7a3660a89ecaf32466ef97f5d3d58503b9699de785895a96fdbaaf"
       "43b1cd7f598ece23881b00e3ed0306887b0c785e27e8ad3f8223207104725dd4");
   EXPECT_EQ(Transform(key.get(), Cipher::kEncrypt, kPlain, "None", "ECB", {}), ecb);
+  EXPECT_EQ(Transform(key.get(), Cipher::kDecrypt, ecb, "None", "ECB", {}), kPlain);
   // The key size picks AES-192 and AES-256 (first blocks of their CBC vectors).
   auto key192 = RawKey(Hex("8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b"));
   auto key256 = RawKey(Hex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4"));
@@ -155,6 +156,13 @@ TEST_F(CryptoTest, Pkcs7PaddingRoundTripsEveryLengthAndRefusesDamage) {
     EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, damaged); }), kCryptoOperationFailed) << at;
   }
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, {}); }), kCryptoOperationFailed);
+  // Every padding byte is checked, not only the last: a block ending in
+  // 0x03 0x02 is refused.
+  SecureByteVector badPad = Bytes(16, 1);
+  badPad[14] = 0x03;
+  badPad[15] = 0x02;
+  const SecureByteVector badBlob = Transform(key.get(), Cipher::kEncrypt, badPad, "None");
+  EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, badBlob); }), kCryptoOperationFailed);
   // Ciphers of one key share its prepared contexts: a failed decryption
   // spoils none of the next ones, and each cipher starts from its own IV.
   EXPECT_EQ(Transform(key.get(), Cipher::kDecrypt, sealed), Bytes(16, 9));
