@@ -264,17 +264,17 @@ TEST_F(AuthStoreTest, AdditionalParametersCarryOverAndDefault) {
   };
   auto all = [&] { return std::vector<SecureString>(o, o + 6); };
   const std::vector<SecureString> defaults{"No", "None", "False", "False", "Yes", "False"};
-  EXPECT_EQ(parse(nullptr), S_OK);
-  EXPECT_EQ(all(), defaults);
   Array bytes(MakePIN("ab"));
-  EXPECT_EQ(parse(bytes), S_OK);
-  EXPECT_EQ(all(), defaults);
+  for (SAFEARRAY* psa : {static_cast<SAFEARRAY*>(nullptr), bytes.psa}) {
+    EXPECT_EQ(parse(psa), S_OK);
+    EXPECT_EQ(all(), defaults);
+  }
   Array repeated(MakeParams({{"Action", "Authenticate"}, {"Unknown", "x"}, {"Action", "ChangeAuthenticator"},
                              {"AllSession", "True"}, {"IsACRPINAlways", "yes"}}));
   EXPECT_EQ(parse(repeated), S_OK);
   EXPECT_EQ(all(), (std::vector<SecureString>{"yes", "ChangeAuthenticator", "False", "True", "Yes", "False"}));
   // An odd count: the last name takes the previous value, and the read fails.
-  Array odd(MakeStrings({"AllProcess", "True", "BypassPINAlways"}));
+  Array odd(mtest::MakeValue({"AllProcess", "True", "BypassPINAlways"}));
   EXPECT_EQ(parse(odd), DISP_E_BADINDEX);
   EXPECT_EQ(o[2], "True");
   EXPECT_EQ(o[5], "True");

@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "../support/value_support.h"
 #include "authstore/InternalAuthStore.h"
-#include "xk/oleauto.h"
 #include "xk/settings.h"
 
 class CInternalAuthStoreTestPeer {
@@ -34,17 +34,8 @@ namespace atest {
 using Peer = CInternalAuthStoreTestPeer;
 using Params = std::vector<std::pair<std::string, std::string>>;
 
-// A BSTR that frees itself; converts to the char* the store takes.
-class Bstr {
- public:
-  explicit Bstr(const std::string& s) : m_b(SysAllocStringByteLen(s.data(), static_cast<unsigned>(s.size()))) {}
-  ~Bstr() { SysFreeString(m_b); }
-  Bstr(const Bstr&) = delete;
-  operator char*() const { return m_b; }
-
- private:
-  BSTR m_b;
-};
+using mtest::Bstr;
+using mtest::S;
 
 // An array destroyed at the end of the scope.
 struct Array {
@@ -56,14 +47,6 @@ struct Array {
   operator SAFEARRAY*() const { return psa; }
 };
 
-// A VT_BSTR vector of the texts.
-inline SAFEARRAY* MakeStrings(const std::vector<std::string>& texts) {
-  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, texts.size());
-  for (int i = 0; i < static_cast<int>(texts.size()); ++i)
-    SafeArrayPutElement(psa, &i, static_cast<char*>(Bstr(texts[i])));
-  return psa;
-}
-
 // The parameter array of a request: name, value, name, value... (NULL for none).
 inline SAFEARRAY* MakeParams(const Params& params) {
   if (params.empty()) return nullptr;
@@ -72,7 +55,7 @@ inline SAFEARRAY* MakeParams(const Params& params) {
     texts.push_back(p.first);
     texts.push_back(p.second);
   }
-  return MakeStrings(texts);
+  return mtest::MakeValue(texts);
 }
 
 // A PIN value: the bytes as a VT_UI1 vector.
@@ -99,7 +82,6 @@ inline std::string Take(SAFEARRAY* psa) {
   return out;
 }
 
-inline SecureString S(const std::string& s) { return SecureString(s.data(), s.size()); }
 inline std::string Dec(unsigned v) { return std::to_string(v); }
 
 // A stored item of a PIN as text ("<missing>" when the tree has none).
@@ -110,18 +92,9 @@ inline std::string Item(CInternalAuthStore& store, const std::string& path, cons
 }
 
 // Every compartment of the store's tree.
-inline std::vector<std::string> Paths(CInternalAuthStore& store) {
+inline mtest::Strings Paths(CInternalAuthStore& store) {
   SAFEARRAY* psa = nullptr;
-  std::vector<std::string> out;
-  if (Peer::Tree(store)->ListAllCompartmentIds(&psa) != S_OK || psa == nullptr) return out;
-  for (int i = 0; i < static_cast<int>(psa->rgsabound[0].cElements); ++i) {
-    BSTR b = nullptr;
-    SafeArrayGetElement(psa, &i, &b);
-    out.emplace_back(b, SysStringByteLen(b));
-    SysFreeString(b);
-  }
-  SafeArrayDestroy(psa);
-  return out;
+  return Peer::Tree(store)->ListAllCompartmentIds(&psa) == S_OK && psa ? mtest::Take(psa) : mtest::Strings{};
 }
 
 inline void SetSetting(const char* name, std::int64_t value) {
@@ -211,28 +184,11 @@ class Child {
 // file redirect) and returns its report; an expectation that failed in the
 // child, or a child that did not exit cleanly, shows in the report.
 inline std::string InChild(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0) return "<no pipe>";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
+  return mtest::InChild([&] {
     std::string report = body();
     if (::testing::Test::HasFailure()) report += " <child expectation failed>";
-    for (std::size_t at = 0; at < report.size();) {
-      const ssize_t n = write(fds[1], report.data() + at, report.size() - at);
-      if (n <= 0) _exit(2);
-      at += static_cast<std::size_t>(n);
-    }
-    _exit(0);
-  }
-  close(fds[1]);
-  std::string report;
-  char buffer[256];
-  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) report.append(buffer, static_cast<std::size_t>(n));
-  close(fds[0]);
-  int status = -1;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? report : "<child failed> " + report;
+    return report;
+  });
 }
 
 }  // namespace atest
