@@ -86,27 +86,18 @@ bool AesCipher::Encrypt(const SecureByteVector& input, SecureByteVector& result)
   if (!m_Padding && n % kBlock != 0) return false;
   const std::size_t length = n + padding;
   result.resize(length);
-  if (!m_Cbc) {
-    if (n > 0) std::memcpy(result.data(), input.data(), n);
-    std::memset(result.data() + n, static_cast<int>(padding), padding);
-    return length == 0 || Blocks(result.data(), result.data(), length);
-  }
-  // CBC: each plain block is XORed with the previous cipher block (the IV
-  // first) and encrypted.
+  unsigned char* out = result.data();
+  if (n > 0) std::memcpy(out, input.data(), n);
+  std::memset(out + n, static_cast<int>(padding), padding);
+  if (!m_Cbc) return length == 0 || Blocks(out, out, length);
+  // CBC, in place: each plain block is XORed with the cipher block before it
+  // (the IV first) and encrypted.
   const unsigned char* previous = m_IV.data();
-  unsigned char block[kBlock];
   for (std::size_t at = 0; at < length; at += kBlock) {
-    for (std::size_t i = 0; i < kBlock; ++i) {
-      const unsigned char plain = at + i < n ? input[at + i] : static_cast<unsigned char>(padding);
-      block[i] = plain ^ previous[i];
-    }
-    if (!Blocks(result.data() + at, block, kBlock)) {
-      OPENSSL_cleanse(block, sizeof block);
-      return false;
-    }
-    previous = result.data() + at;
+    for (std::size_t i = 0; i < kBlock; ++i) out[at + i] ^= previous[i];
+    if (!Blocks(out + at, out + at, kBlock)) return false;
+    previous = out + at;
   }
-  OPENSSL_cleanse(block, sizeof block);
   return true;
 }
 
@@ -115,10 +106,13 @@ bool AesCipher::Decrypt(const SecureByteVector& input, SecureByteVector& result)
   if (n % kBlock != 0 || (m_Padding && n == 0)) return false;
   result.resize(n);
   if (n > 0 && !Blocks(result.data(), input.data(), n)) return false;
-  if (m_Cbc) {
+  if (m_Cbc && n > 0) {
     // CBC: each decrypted block is XORed with the cipher block before it (the
     // IV first); `input` is still intact, even when it is `output`.
-    for (std::size_t i = 0; i < n; ++i) result[i] ^= i < kBlock ? m_IV[i] : input[i - kBlock];
+    unsigned char* out = result.data();
+    for (std::size_t i = 0; i < kBlock; ++i) out[i] ^= m_IV[i];
+    const unsigned char* in = input.data();
+    for (std::size_t i = kBlock; i < n; ++i) out[i] ^= in[i - kBlock];
   }
   if (!m_Padding) return true;
   // PKCS7: the last byte p, 1 to 16, and the last p bytes all p.
