@@ -80,81 +80,57 @@ TEST(Conversions, BothWays) {
   EXPECT_EQ(b, nullptr);
 }
 
-std::string Element(SAFEARRAY* psa, int i) {
-  BSTR b = nullptr;
-  SafeArrayGetElement(psa, &i, &b);
-  std::string text = b == nullptr ? "<null>" : std::string(b, SysStringByteLen(b));
-  SysFreeString(b);
-  return text;
-}
-
-TEST(Packing, RecordsGoOutNameThenValueAndAFailedPutLeavesThePartialArray) {
+// Three records go out name, value, name...; a failed put stops the packing
+// and leaves the partly filled array to the caller.
+TEST(Packing, RecordsGoOutNameThenValue) {
   xk::test::LogCapture log;
   char n0[] = "IsACRPINAlways", v0[] = "Yes", n1[] = "Action", v1[] = "Authenticate", n2[] = "X", v2[] = "";
   QX::AuthStore::AuthParameter records[] = {{n0, v0}, {n1, v1}, {n2, v2}};
-  SAFEARRAY* psa = nullptr;
-  ASSERT_EQ(GetSafeArrayFromParameterStruct(records, 3, psa), S_OK);
-  ASSERT_EQ(psa->vt, VT_BSTR);
-  std::vector<std::string> texts;
-  for (int i = 0; i < static_cast<int>(psa->rgsabound[0].cElements); ++i) texts.push_back(Element(psa, i));
-  EXPECT_EQ(texts, (std::vector<std::string>{"IsACRPINAlways", "Yes", "Action", "Authenticate", "X", ""}));
-  SafeArrayDestroy(psa);
-  psa = nullptr;
-  EXPECT_EQ(GetSafeArrayFromParameterStruct(nullptr, 3, psa), E_FAIL);
-  EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 0, psa), E_FAIL);
-  EXPECT_EQ(psa, nullptr);
-  xk::test::FaultInjector faults;
-  faults.FailWithCode("SafeArrayPutElement", E_OUTOFMEMORY, 2);  // the value of record 0
-  EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 3, psa), E_OUTOFMEMORY);
-  ASSERT_NE(psa, nullptr);
-  EXPECT_EQ(Element(psa, 0), "IsACRPINAlways");
-  EXPECT_EQ(Element(psa, 1), "<null>");
-  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
-  for (const char* text : {"GetSafeArrayFromParameterStruct: NULL == pAdditionalParameters",
-                           "GetSafeArrayFromParameterStruct: ulCount == 0",
-                           "GetSafeArrayFromParameterStruct: SafeArrayPutElement failed"})
-    EXPECT_TRUE(log.Contains(1, text)) << text;
+  for (unsigned failingPut : {0u, 2u}) {
+    xk::test::FaultInjector faults;
+    if (failingPut != 0) faults.FailWithCode("SafeArrayPutElement", E_OUTOFMEMORY, failingPut);
+    SAFEARRAY* psa = nullptr;
+    EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 3, psa), failingPut != 0 ? E_OUTOFMEMORY : S_OK);
+    ASSERT_TRUE(psa != nullptr && psa->vt == VT_BSTR && psa->rgsabound[0].cElements == 6);
+    const BSTR* texts = static_cast<BSTR*>(psa->pvData);
+    std::string joined;
+    for (int i = 0; i < 6; ++i) joined += std::string(texts[i] != nullptr ? texts[i] : "<null>") + ",";
+    EXPECT_EQ(joined, failingPut != 0 ? "IsACRPINAlways,<null>,<null>,<null>,<null>,<null>,"
+                                      : "IsACRPINAlways,Yes,Action,Authenticate,X,,");
+    SafeArrayDestroy(psa);
+  }
+  SAFEARRAY* untouched = nullptr;
+  EXPECT_EQ(GetSafeArrayFromParameterStruct(nullptr, 3, untouched), E_FAIL);
+  EXPECT_EQ(GetSafeArrayFromParameterStruct(records, 0, untouched), E_FAIL);
+  EXPECT_EQ(untouched, nullptr);
+  EXPECT_TRUE(log.Contains(1, "GetSafeArrayFromParameterStruct: SafeArrayPutElement failed"));
 }
 
-TEST(Packing, BytesSurviveBothWaysButAnEmptyValueDoesNotComeBack) {
+// Lengths come from the counts, so NUL bytes survive both ways; an empty value
+// goes out but doesn't come back; a failed access is E_FAIL, not its code.
+TEST(Packing, BytesBothWays) {
   xk::test::LogCapture log;
-  const std::string bytes("\0a\0b\0", 5);
-  BSTR in = SysAllocStringByteLen(bytes.data(), 5), back = nullptr;
-  SAFEARRAY* psa = nullptr;
-  ASSERT_EQ(GetSafeArrayBytesFromBSTR(in, psa), S_OK);
-  ASSERT_EQ(psa->vt, VT_UI1);
-  EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), psa->rgsabound[0].cElements), bytes);
-  ASSERT_EQ(GetBSTRFromSafeArrayBytes(psa, back), S_OK);
-  EXPECT_EQ(std::string(back, SysStringByteLen(back)), bytes);
-  SysFreeString(back);
-  SafeArrayDestroy(psa);
-  SysFreeString(in);
-
-  in = SysAllocString("");
-  psa = nullptr;
-  back = nullptr;
-  ASSERT_EQ(GetSafeArrayBytesFromBSTR(in, psa), S_OK);
-  EXPECT_EQ(psa->rgsabound[0].cElements, 0u);
-  EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), E_FAIL);
+  for (const std::string& bytes : {std::string("\0a\0b\0", 5), std::string()}) {
+    BSTR in = SysAllocStringByteLen(bytes.data(), static_cast<unsigned>(bytes.size())), back = nullptr;
+    SAFEARRAY* psa = nullptr;
+    ASSERT_EQ(GetSafeArrayBytesFromBSTR(in, psa), S_OK);
+    ASSERT_EQ(psa->vt, VT_UI1);
+    EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), psa->rgsabound[0].cElements), bytes);
+    EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), bytes.empty() ? E_FAIL : S_OK);
+    EXPECT_EQ(back == nullptr ? "<null>" : std::string(back, SysStringByteLen(back)), bytes.empty() ? "<null>" : bytes);
+    SysFreeString(back);
+    xk::test::FaultInjector faults;
+    faults.FailWithCode("SafeArrayAccessData", E_UNEXPECTED, 1, true);
+    EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), E_FAIL);
+    SafeArrayDestroy(psa);
+    psa = nullptr;
+    EXPECT_EQ(GetSafeArrayBytesFromBSTR(in, psa), E_FAIL);
+    EXPECT_NE(psa, nullptr);  // the new array stays, the caller's
+    faults.Reset();
+    SafeArrayDestroy(psa);
+    SysFreeString(in);
+  }
   EXPECT_TRUE(log.Contains(1, "GetBSTRFromSafeArrayBytes byarValue == NULL"));
-  SafeArrayDestroy(psa);
-  psa = nullptr;
-  EXPECT_EQ(GetSafeArrayBytesFromBSTR(nullptr, psa), E_FAIL);
-  EXPECT_EQ(GetBSTRFromSafeArrayBytes(nullptr, back), E_FAIL);
-  EXPECT_EQ(back, nullptr);
-
-  // A failed access gives E_FAIL, not the service's code; the new array stays.
-  SysFreeString(in);
-  in = SysAllocString("x");
-  xk::test::FaultInjector faults;
-  faults.FailWithCode("SafeArrayAccessData", E_UNEXPECTED, 1, true);
-  EXPECT_EQ(GetSafeArrayBytesFromBSTR(in, psa), E_FAIL);
-  ASSERT_NE(psa, nullptr);
-  EXPECT_EQ(GetBSTRFromSafeArrayBytes(psa, back), E_FAIL);
-  EXPECT_EQ(back, nullptr);
-  faults.Reset();
-  SafeArrayDestroy(psa);
-  SysFreeString(in);
 }
 
 }  // namespace
