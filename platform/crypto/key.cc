@@ -12,35 +12,23 @@ namespace crypto {
 
 ContextPool::~ContextPool() { Close(); }
 
-EVP_CIPHER_CTX* ContextPool::Take(unsigned slot) {
-  std::lock_guard<std::mutex> lock(m_Mutex);
-  EVP_CIPHER_CTX* context = m_Contexts[slot];
-  m_Contexts[slot] = nullptr;
-  return context;
-}
+EVP_CIPHER_CTX* ContextPool::Take(unsigned slot) { return m_Contexts[slot].exchange(nullptr); }
 
 void ContextPool::GiveBack(unsigned slot, EVP_CIPHER_CTX* context) {
-  {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    if (!m_Closed && m_Contexts[slot] == nullptr) {
-      m_Contexts[slot] = context;
-      return;
-    }
+  EVP_CIPHER_CTX* empty = nullptr;
+  if (m_Contexts[slot].compare_exchange_strong(empty, context)) {
+    // Kept, unless Close ran meanwhile: whoever of the two takes the context
+    // out of the slot again frees it. (All operations are sequentially
+    // consistent: Close either sees the context in the slot or is seen here.)
+    if (!m_Closed.load()) return;
+    context = m_Contexts[slot].exchange(nullptr);
   }
   EVP_CIPHER_CTX_free(context);
 }
 
 void ContextPool::Close() {
-  EVP_CIPHER_CTX* contexts[kSlots];
-  {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_Closed = true;
-    for (unsigned i = 0; i < kSlots; ++i) {
-      contexts[i] = m_Contexts[i];
-      m_Contexts[i] = nullptr;
-    }
-  }
-  for (EVP_CIPHER_CTX* context : contexts) EVP_CIPHER_CTX_free(context);
+  m_Closed.store(true);
+  for (std::atomic<EVP_CIPHER_CTX*>& slot : m_Contexts) EVP_CIPHER_CTX_free(slot.exchange(nullptr));
 }
 
 Key::Key(std::size_t size, const SecureString& label)

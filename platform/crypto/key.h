@@ -3,9 +3,9 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 
 #include "locked_buffer.h"
 #include "xk/crypto.h"
@@ -20,7 +20,8 @@ namespace crypto {
 // each combination of mode, direction and padding. The key and every cipher
 // that took a context share the pool, so a cipher may outlive its key: once
 // the key is gone the pool is closed, its contexts are freed (OpenSSL wipes
-// the key schedule) and contexts given back later are freed at once.
+// the key schedule) and contexts given back later are freed at once. Each
+// slot is one atomic pointer: taking and giving back lock nothing.
 class ContextPool {
  public:
   ContextPool() = default;
@@ -41,9 +42,8 @@ class ContextPool {
 
  private:
   static constexpr unsigned kSlots = 8;
-  std::mutex m_Mutex;
-  bool m_Closed = false;
-  EVP_CIPHER_CTX* m_Contexts[kSlots] = {};
+  std::atomic<bool> m_Closed{false};
+  std::atomic<EVP_CIPHER_CTX*> m_Contexts[kSlots] = {};
 };
 
 // An AES key: its bytes in a LockedBuffer of their own and a label. It keeps
