@@ -192,20 +192,25 @@ HRESULT CInternalAuthStore::CheckTree(const char* sOperation) {
 
 SecureString CInternalAuthStore::BuildPath(const SecureString& sSessionId, const SecureString& sCompartmentId,
                                            const SecureString& sPINId, unsigned int dwClientProcessId) const {
+  // Sized exactly up front: a short path stays in the string itself.
+  char sProcess[16];
+  std::size_t nProcess = 0;
+  if (m_PinCachingMode == PinCachingPerProcess)
+    nProcess = static_cast<std::size_t>(snprintf(sProcess, sizeof sProcess, "%u", dwClientProcessId));
+  const bool bSession = m_bSharedBetweenUserSessions == 0;
   SecureString sPath;
-  sPath.reserve(sSessionId.size() + sCompartmentId.size() + sPINId.size() + 14);
-  if (m_bSharedBetweenUserSessions == 0) {
+  sPath.reserve((bSession ? sSessionId.size() + 1 : 0) + sCompartmentId.size() + 1 + sPINId.size() +
+                (nProcess > 0 ? nProcess + 1 : 0));
+  if (bSession) {
     sPath += sSessionId;
     sPath += '/';
   }
   sPath += sCompartmentId;
   sPath += '/';
   sPath += sPINId;
-  if (m_PinCachingMode == PinCachingPerProcess) {
-    char sProcess[16];
-    const int n = snprintf(sProcess, sizeof sProcess, "%u", dwClientProcessId);
+  if (nProcess > 0) {
     sPath += '/';
-    sPath.append(sProcess, static_cast<std::size_t>(n));
+    sPath.append(sProcess, nProcess);
   }
   return sPath;
 }
