@@ -6,9 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "crypto/CommonCrypto.h"
@@ -50,9 +52,31 @@ struct Fixture {
   }
 };
 
+// A "UI1_MULTI" description makes an array of the cells its two bounds name,
+// whatever the value carries, so a few bytes can ask for gigabytes. Such an
+// input would judge the memory at hand, not the reading, which is the same
+// for a small array: the target leaves out descriptions of more than
+// kMaxCells cells. Bounds whose product overflows stay in (the value service
+// refuses that array, and the reader must cope).
+constexpr unsigned long long kMaxCells = 1ull << 24;
+
+bool AsksForAHugeArray(const uint8_t* data, size_t size) {
+  static const char kPrefix[] = "UI1_MULTI";
+  if (size < sizeof kPrefix - 1 || std::memcmp(data, kPrefix, sizeof kPrefix - 1) != 0) return false;
+  const std::string text(reinterpret_cast<const char*>(data), strnlen(reinterpret_cast<const char*>(data), size));
+  int d1 = 0;
+  int d2 = 0;
+  std::sscanf(text.c_str(), "UI1_MULTI %d %d", &d1, &d2);
+  // As the reader hands them on: each bound an unsigned long.
+  const unsigned long long b1 = static_cast<unsigned long>(d1), b2 = static_cast<unsigned long>(d2);
+  unsigned long long cells = 0;
+  return !__builtin_mul_overflow(b1, b2, &cells) && cells > kMaxCells;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (AsksForAHugeArray(data, size)) return -1;
   static Fixture fixture;
   SecureByteVector cipherText;
   fixture.cipher->DoFinal(SecureByteVector(data, data + size), cipherText);

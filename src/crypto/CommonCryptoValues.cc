@@ -121,8 +121,10 @@ HRESULT CaughtNullObject(const char* sLine) {
   return hr;
 }
 
-// Access, copy in (up to the array's size), unaccess. The result is the
-// unaccess code, or the access code when access failed.
+// Access, copy the bytes in, unaccess. Bytes beyond the array's own size are
+// not copied: they would land past the array. Fewer bytes leave the rest of
+// its cells zero. The result is the unaccess code, or the access code when
+// access failed.
 HRESULT CopyInto(SAFEARRAY* psa, const unsigned char* pBytes, std::size_t nBytes, const char* sOperation) {
   void* pvData = NULL;
   HRESULT hr = SafeArrayAccessData(psa, &pvData);
@@ -323,14 +325,10 @@ HRESULT ReadPlaintext(SecureByteVector& plain, HRESULT hr, SAFEARRAY*& psaOut) {
     int d1 = 0;
     int d2 = 0;
     std::sscanf(pDescrOut, "UI1_MULTI %d %d", &d1, &d2);
+    // The array has the cells the bounds name, whatever the number of value
+    // bytes: "UI1_MULTI 4 3 0 " carries none and reads as 4 by 3 zeroes.
     SAFEARRAYBOUND bounds[2] = {{static_cast<unsigned long>(d2), 0}, {static_cast<unsigned long>(d1), 0}};
-    // A blob never makes the reader hold more bytes than it carries: a
-    // larger array is not made, and the NULL fails at SafeArrayAccessData
-    // as an array that could not be made does.
-    unsigned long cells = 0;
-    const bool bFits = !__builtin_mul_overflow(bounds[0].cElements, bounds[1].cElements, &cells) &&
-                       cells <= nValue;
-    psaNew = bFits ? SafeArrayCreate(VT_UI1, 2, bounds) : NULL;
+    psaNew = SafeArrayCreate(VT_UI1, 2, bounds);
   } else {
     psaNew = SafeArrayCreateVector(pFound->vt, 0, nValue / pFound->cbElement);
   }
