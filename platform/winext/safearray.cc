@@ -140,8 +140,10 @@ HRESULT DestroyArray(SAFEARRAY* psa) noexcept {
   return S_OK;
 }
 
+// A NULL array copies as a NULL array (*ppsaOut already NULL): it is the
+// valid empty value.
 HRESULT CopyArray(SAFEARRAY* psa, SAFEARRAY** ppsaOut) noexcept {
-  if (psa == nullptr) return E_INVALIDARG;
+  if (psa == nullptr) return S_OK;
   if (ElementSize(psa->vt) == 0) return DISP_E_BADVARTYPE;  // only a hand-made descriptor
   std::size_t dataBytes;
   if (!DataBytes(psa->cbElements, psa->rgsabound, psa->cDims, &dataBytes)) return E_OUTOFMEMORY;

@@ -183,7 +183,7 @@ TEST(SafeArray, BadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
   EXPECT_HR(E_INVALIDARG, SafeArrayGetUBound(psa, 1, nullptr));
   EXPECT_HR(E_INVALIDARG, SafeArrayAccessData(nullptr, &data));
   EXPECT_EQ(data, nullptr);
-  EXPECT_HR(E_INVALIDARG, SafeArrayCopy(nullptr, &copy));
+  EXPECT_HR(S_OK, SafeArrayCopy(nullptr, &copy));  // a NULL array is a valid empty value
   EXPECT_EQ(copy, nullptr);
   EXPECT_HR(E_INVALIDARG, SafeArrayLock(nullptr));
   EXPECT_EQ(SafeArrayGetDim(nullptr) + SafeArrayGetElemsize(nullptr), 0u);

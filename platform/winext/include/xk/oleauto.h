@@ -106,7 +106,8 @@ XK_EXPORT HRESULT SafeArrayGetElement(SAFEARRAY* psa, int* rgIndices, void* pv);
 // For VT_BSTR, `pv` is the BSTR itself and the array keeps its own copy; for
 // other vartypes `pv` is the address of the element.
 XK_EXPORT HRESULT SafeArrayPutElement(SAFEARRAY* psa, int* rgIndices, void* pv);
-// A deep copy owned by the caller; *ppsaOut is NULL on failure.
+// A deep copy owned by the caller; *ppsaOut is NULL on failure. A NULL psa
+// copies as NULL with S_OK.
 XK_EXPORT HRESULT SafeArrayCopy(SAFEARRAY* psa, SAFEARRAY** ppsaOut);
 // Adds one to the lock count; a locked array cannot be destroyed.
 XK_EXPORT HRESULT SafeArrayLock(SAFEARRAY* psa);
