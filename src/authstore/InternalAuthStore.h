@@ -254,6 +254,12 @@ class MERROWSTORE_EXPORT CInternalAuthStore {
   // level, other failures at the failure level.
   HRESULT ReadItem(const char* sOperation, const SecureString& sCompartmentIdGlobal, const SecureString& sDataId,
                    SAFEARRAY*& psa);
+  // The four items of a PIN in the order a read takes them, each array
+  // handed to the caller's clean-up: the PIN session id (element 0 into
+  // bstrPINSessionId), the value, the token (bAvailable) and the bypass text.
+  HRESULT ReadPINItems(const char* sOperation, const SecureString& sCompartmentIdGlobal, char*& bstrPINSessionId,
+                       SAFEARRAY*& psaSessionId, SAFEARRAY*& psaValue, SAFEARRAY*& psaState, bool& bAvailable,
+                       SAFEARRAY*& psaBypass, SecureString& sBypassPINAlwaysStateValue);
   // Stores one data item, logging "SetData failed".
   HRESULT WriteItem(const char* sOperation, const SecureString& sCompartmentIdGlobal, const SecureString& sDataId,
                     SAFEARRAY* psa);

@@ -181,6 +181,36 @@ exit:
 
 // ---- Reading and probing -------------------------------------------------
 
+HRESULT CInternalAuthStore::ReadPINItems(const char* sOperation, const SecureString& sCompartmentIdGlobal,
+                                         char*& bstrPINSessionId, SAFEARRAY*& psaSessionId, SAFEARRAY*& psaValue,
+                                         SAFEARRAY*& psaState, bool& bAvailable, SAFEARRAY*& psaBypass,
+                                         SecureString& sBypassPINAlwaysStateValue) {
+  HRESULT hr = ReadItem(sOperation, sCompartmentIdGlobal, PINItems::SessionId(), psaSessionId);
+  if (FAILED(hr)) return hr;
+  if (psaSessionId != NULL) {
+    int nIndex = 0;
+    hr = SafeArrayGetElement(psaSessionId, &nIndex, &bstrPINSessionId);
+    if (FAILED(hr)) {
+      xklogLog(MSTORE_MODULE, 1, "CInternalAuthStore::%s SafeArrayGetlement failed", sOperation);
+      return hr;
+    }
+  }
+  hr = ReadItem(sOperation, sCompartmentIdGlobal, PINItems::Value(), psaValue);
+  if (FAILED(hr)) return hr;
+  hr = ReadItem(sOperation, sCompartmentIdGlobal, PINItems::AlwaysState(), psaState);
+  if (FAILED(hr)) return hr;
+  if (psaState != NULL) {
+    SecureString sState;
+    hr = ReadText(sOperation, psaState, sState);
+    if (FAILED(hr)) return hr;
+    bAvailable = sState == kAvailable;
+  }
+  hr = ReadItem(sOperation, sCompartmentIdGlobal, PINItems::BypassAlwaysState(), psaBypass);
+  if (FAILED(hr)) return hr;
+  if (psaBypass != NULL) hr = ReadText(sOperation, psaBypass, sBypassPINAlwaysStateValue);
+  return hr;
+}
+
 HRESULT CInternalAuthStore::GetPIN(unsigned int dwClientProcessId, char* bstrCompartmentId, char* bstrPINId,
                                    SAFEARRAY* pAdditionalParameters, SAFEARRAY** ppPINValue,
                                    char** pbstrPINSessionId, int* pnPINState) {
@@ -302,34 +332,12 @@ HRESULT CInternalAuthStore::GetInternalPIN(signed char bFromPINSessionId, unsign
                       sCompartmentIdGlobal);
   if (FAILED(hr)) goto exit;
   // The four items; only the first one's "not found" reaches the caller.
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::SessionId(), psaSessionId);
+  hr = ReadPINItems(kOp, sCompartmentIdGlobal, bstrPINSessionId, psaSessionId, psaValue, psaState, bAvailable,
+                    psaBypass, sBypassPINAlwaysStateValue);
   if (FAILED(hr)) goto exit;
-  if (psaSessionId != NULL) {
-    int nIndex = 0;
-    hr = SafeArrayGetElement(psaSessionId, &nIndex, &bstrPINSessionId);
-    if (FAILED(hr)) {
-      xklogLog(MSTORE_MODULE, 1, "CInternalAuthStore::GetInternalPIN SafeArrayGetlement failed");
-      goto exit;
-    }
-  }
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::Value(), psaValue);
-  if (FAILED(hr)) goto exit;
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::AlwaysState(), psaState);
-  if (FAILED(hr)) goto exit;
-  if (psaState != NULL) {
-    SecureString sState;
-    hr = ReadText(kOp, psaState, sState);
-    if (FAILED(hr)) goto exit;
-    bAvailable = sState == kAvailable;
-  }
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::BypassAlwaysState(), psaBypass);
-  if (FAILED(hr)) goto exit;
-  if (psaBypass != NULL) {
-    hr = ReadText(kOp, psaBypass, sBypassPINAlwaysStateValue);
-    if (FAILED(hr)) goto exit;
+  if (psaBypass != NULL)
     xklogLog(MSTORE_MODULE, 2, "CInternalAuthStore::GetInternalPIN sBypassPINAlwaysStateValue = %s",
              sBypassPINAlwaysStateValue.c_str());
-  }
   hr = GetAdditionalParameters(pAdditionalParameters, sIsACRPINAlways, sAction, sAllProcess, sAllSession,
                                sCheckClientCaller, sBypassPINAlways);
   if (FAILED(hr)) {
@@ -410,33 +418,10 @@ HRESULT CInternalAuthStore::IsInternalPINCached(signed char bFromPINSessionId, u
   hr = ResolvePINPath(kOp, bFromPINSessionId, dwClientProcessId, bstrCompartmentId, bstrPINId, bstrPINSessionId,
                       sCompartmentIdGlobal);
   if (FAILED(hr)) goto exit;
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::SessionId(), psaSessionId);
+  // The value is read only to prove that it is there.
+  hr = ReadPINItems(kOp, sCompartmentIdGlobal, bstrPINSessionId, psaSessionId, psaValue, psaState, bAvailable,
+                    psaBypass, sBypassPINAlwaysStateValue);
   if (FAILED(hr)) goto exit;
-  if (psaSessionId != NULL) {
-    int nIndex = 0;
-    hr = SafeArrayGetElement(psaSessionId, &nIndex, &bstrPINSessionId);
-    if (FAILED(hr)) {
-      xklogLog(MSTORE_MODULE, 1, "CInternalAuthStore::IsInternalPINCached SafeArrayGetlement failed");
-      goto exit;
-    }
-  }
-  // Read only to prove the value is there.
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::Value(), psaValue);
-  if (FAILED(hr)) goto exit;
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::AlwaysState(), psaState);
-  if (FAILED(hr)) goto exit;
-  if (psaState != NULL) {
-    SecureString sState;
-    hr = ReadText(kOp, psaState, sState);
-    if (FAILED(hr)) goto exit;
-    bAvailable = sState == kAvailable;
-  }
-  hr = ReadItem(kOp, sCompartmentIdGlobal, PINItems::BypassAlwaysState(), psaBypass);
-  if (FAILED(hr)) goto exit;
-  if (psaBypass != NULL) {
-    hr = ReadText(kOp, psaBypass, sBypassPINAlwaysStateValue);
-    if (FAILED(hr)) goto exit;
-  }
   hr = GetAdditionalParameters(pAdditionalParameters, sIsACRPINAlways, sAction, sAllProcess, sAllSession,
                                sCheckClientCaller, sBypassPINAlways);
   if (FAILED(hr)) {
