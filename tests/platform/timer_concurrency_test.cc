@@ -1,5 +1,5 @@
 // The timer service: firing, restart, deletion races, waiting for callbacks
-// and the manual clock. Every test drives the manual clock, so nothing waits
+// and the test clock. Every test drives the manual clock, so nothing waits
 // real time; a deadlock shows as an abort after a bounded wait.
 
 #include <atomic>
@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <future>
 #include <memory>
@@ -17,16 +18,14 @@
 #include <gtest/gtest.h>
 
 #include "xk/fault_point.h"
+#include "xk/testsupport.h"
 #include "xk/timer.h"
 #include "xk/timer_clock.h"
 
 namespace {
 
 using QX::Framework::ITimer;
-using xk::timer::AdvanceManualClock;
 using xk::timer::ArmedTimerCount;
-
-constexpr std::uint64_t kSecond = 1'000'000'000;
 
 struct Counts {
   std::atomic<int> invoked{0};
@@ -54,12 +53,6 @@ class Probe : public QX::Framework::ITimerCallbackFunction {
   std::function<void()> m_Action, m_OnDestroy;
 };
 
-// Moves the manual clock on; the calls counted by then.
-int After(const Counts& c, std::uint64_t nanoseconds) {
-  AdvanceManualClock(nanoseconds);
-  return c.invoked;
-}
-
 // A bounded wait for something that only a deadlock would keep from ending.
 template <typename Future>
 void WaitOrDie(Future& f, const char* what) {
@@ -70,79 +63,81 @@ void WaitOrDie(Future& f, const char* what) {
 
 class TimerTest : public ::testing::Test {
  protected:
-  void SetUp() override { xk::timer::UseManualClock(true); }
   void TearDown() override {
     xk::fault::Reset();
     ITimer::WaitForRunningCallbacks();
     EXPECT_EQ(ArmedTimerCount(), 0u);
-    xk::timer::UseManualClock(false);
   }
+  // Moves the clock on; the calls counted by then.
+  int After(const Counts& c, std::uint64_t milliseconds) {
+    m_Clock.AdvanceMilliseconds(milliseconds);
+    return c.invoked;
+  }
+  std::future<void> AdvanceOnAnotherThread(std::uint64_t seconds) {
+    return std::async(std::launch::async, [this, seconds] { m_Clock.Advance(seconds); });
+  }
+
+  xk::test::TestClock m_Clock{1000};
 };
 
 TEST_F(TimerTest, FiresOncePerArmingAndRestartMovesTheDeadline) {
   Counts c;
   std::unique_ptr<ITimer> t(ITimer::CreateNewTimer(10, new Probe(c)));
   ASSERT_TRUE(t);
-  EXPECT_EQ(After(c, 10 * kSecond - 1), 0);
+  EXPECT_EQ(After(c, 9999), 0);
+  EXPECT_EQ(std::time(nullptr), 1009) << "time() follows the test clock";
   EXPECT_EQ(After(c, 1), 1);
-  EXPECT_EQ(After(c, 100 * kSecond), 1);
-  t->Restart();  // after firing: once more, 10 s from now
-  EXPECT_EQ(After(c, 10 * kSecond - 1), 1);
+  EXPECT_EQ(After(c, 100'000), 1);
+  t->Restart();  // after firing: once more, 10 s from now, whatever the wall clock does
+  m_Clock.SetWallClock(5);
+  EXPECT_EQ(std::time(nullptr), 5);
+  EXPECT_EQ(After(c, 9999), 1);
   EXPECT_EQ(After(c, 1), 2);
   t->Restart();  // before firing: the second restart replaces the first deadline
-  AdvanceManualClock(6 * kSecond);
+  m_Clock.Advance(6);
   t->Restart();
-  EXPECT_EQ(After(c, 6 * kSecond), 2);
+  EXPECT_EQ(After(c, 6000), 2);
   EXPECT_EQ(ArmedTimerCount(), 1u);
-  EXPECT_EQ(After(c, 4 * kSecond), 3);
-  EXPECT_EQ(After(c, 100 * kSecond), 3);
+  EXPECT_EQ(After(c, 4000), 3);
   t.reset();
   EXPECT_EQ(c.destroyed, 1);
 
   // Deleted before firing: never fires. A 0 s timer fires at the next
-  // advance; a NULL callback makes no timer; many timers of one deadline
+  // advance. A NULL callback or a failure makes no timer (the callback is
+  // destroyed); a failed restart arms nothing. Many timers of one deadline
   // fire once each.
   ITimer* deleted = ITimer::CreateNewTimer(5, new Probe(c));
-  AdvanceManualClock(4 * kSecond);
+  m_Clock.Advance(4);
   delete deleted;
   EXPECT_EQ(c.destroyed, 2);
-  EXPECT_EQ(After(c, 100 * kSecond), 3);
+  EXPECT_EQ(After(c, 100'000), 3);
   std::unique_ptr<ITimer> now(ITimer::CreateNewTimer(0, new Probe(c)));
   EXPECT_EQ(After(c, 0), 4);
   EXPECT_EQ(ITimer::CreateNewTimer(3, nullptr), nullptr);
+  xk::fault::Arm("ITimer::CreateNewTimer", 1, {xk::fault::Kind::kNull, 0, 0}, false);
+  EXPECT_EQ(ITimer::CreateNewTimer(1, new Probe(c)), nullptr);
+  EXPECT_EQ(c.destroyed, 3);
+  xk::fault::Arm("ITimer::Restart", 1, {xk::fault::Kind::kCode, -1, 0}, false);
+  now->Restart();
   std::vector<std::unique_ptr<ITimer>> timers;
   for (int i = 0; i < 200; ++i) timers.emplace_back(ITimer::CreateNewTimer(3, new Probe(c)));
-  EXPECT_EQ(After(c, 3 * kSecond), 204);
-  EXPECT_EQ(After(c, 30 * kSecond), 204);
+  EXPECT_EQ(After(c, 3000), 204);
+  EXPECT_EQ(After(c, 30'000), 204);
   timers.clear();
-  EXPECT_EQ(c.destroyed, 202);
+  EXPECT_EQ(c.destroyed, 203);
 }
 
 TEST_F(TimerTest, ClockSwitchKeepsRemainingTimeWithoutOverflow) {
   Counts c;
   std::unique_ptr<ITimer> shortOne(ITimer::CreateNewTimer(10, new Probe(c)));
-  AdvanceManualClock(4 * kSecond);
+  m_Clock.Advance(4);
   xk::timer::UseManualClock(false);  // 6 s left, now on the monotonic clock
   std::unique_ptr<ITimer> longest(ITimer::CreateNewTimer(UINT_MAX, new Probe(c)));
   xk::timer::UseManualClock(true);
-  EXPECT_EQ(After(c, 5 * kSecond), 0);
-  EXPECT_EQ(After(c, kSecond), 1);
-  EXPECT_EQ(After(c, UINT_MAX * kSecond - 8 * kSecond), 1);  // about 136 years
-  EXPECT_EQ(After(c, 2 * kSecond), 2);
-}
-
-TEST_F(TimerTest, FaultPoints) {
-  Counts c;
-  xk::fault::Arm("ITimer::CreateNewTimer", 1, {xk::fault::Kind::kNull, 0, 0}, false);
-  EXPECT_EQ(ITimer::CreateNewTimer(1, new Probe(c)), nullptr);
-  EXPECT_EQ(c.destroyed, 1);
-  std::unique_ptr<ITimer> t(ITimer::CreateNewTimer(1, new Probe(c)));
-  ASSERT_TRUE(t);
-  EXPECT_EQ(After(c, kSecond), 1);
-  xk::fault::Arm("ITimer::Restart", 1, {xk::fault::Kind::kCode, -1, 0}, false);
-  t->Restart();
-  EXPECT_EQ(ArmedTimerCount(), 0u);
-  EXPECT_EQ(After(c, 10 * kSecond), 1);
+  EXPECT_EQ(After(c, 5000), 0);
+  EXPECT_EQ(After(c, 1000), 1);
+  EXPECT_EQ(After(c, (UINT_MAX - 8ull) * 1000), 1);  // about 136 years
+  EXPECT_EQ(After(c, 2000), 2);
 }
 
 TEST_F(TimerTest, ProcessExitsCleanlyWithATimerArmed) {
@@ -162,16 +157,20 @@ TEST_F(TimerTest, ProcessExitsCleanlyWithATimerArmed) {
 }
 
 // Thread A holds M and deletes the timer whose callback, on the service
-// thread, waits for M. The delete must return without waiting.
-TEST_F(TimerTest, DeleteUnderALockTheRunningCallbackWaitsFor) {
+// thread, waits for M: the delete returns without waiting. A store's teardown
+// that then waits for running callbacks finds the callback finished and its
+// object destroyed.
+TEST_F(TimerTest, DeleteUnderALockTheRunningCallbackWaitsForThenWaitForIt) {
   std::mutex m;
   Counts c;
-  std::promise<void> entered, holding;
+  std::promise<void> entered, holding, waiting;
+  int storeData = 0, callbackData = 0, destroyedUnderM = -1, seen = 0;
   ITimer* t = ITimer::CreateNewTimer(1, new Probe(c, [&] {
     entered.set_value();
     std::lock_guard<std::mutex> lock(m);
-  }));
-  int destroyedUnderM = -1;
+    storeData = 42;
+  }, [&] { callbackData = 7; }));
+  std::future<void> teardown;
   auto a = std::async(std::launch::async, [&] {
     std::lock_guard<std::mutex> lock(m);
     holding.set_value();
@@ -179,15 +178,21 @@ TEST_F(TimerTest, DeleteUnderALockTheRunningCallbackWaitsFor) {
     t->Restart();  // armed again while its callback runs
     delete t;
     destroyedUnderM = c.destroyed;
+    teardown = std::async(std::launch::async, [&] {
+      waiting.set_value();
+      ITimer::WaitForRunningCallbacks();
+      seen = storeData + callbackData + c.destroyed;  // a race here if the object outlived the wait
+    });
+    waiting.get_future().wait();
   });
   holding.get_future().wait();
-  auto advance = std::async(std::launch::async, [] { AdvanceManualClock(kSecond); });
+  auto advance = AdvanceOnAnotherThread(1);
   WaitOrDie(a, "delete under the lock");
+  WaitOrDie(teardown, "WaitForRunningCallbacks");
   WaitOrDie(advance, "the callback");
   EXPECT_EQ(destroyedUnderM, 0);  // still running then: the service thread destroys it
-  ITimer::WaitForRunningCallbacks();
-  EXPECT_EQ(c.destroyed, 1);
-  EXPECT_EQ(After(c, 100 * kSecond), 1);
+  EXPECT_EQ(seen, 42 + 7 + 1);
+  EXPECT_EQ(After(c, 100'000), 1);
 }
 
 // The callback deletes its own timer, then arms 0 s timers: one that restarts
@@ -209,47 +214,15 @@ TEST_F(TimerTest, CallbackDeletesItsOwnTimerAndArmsOthers) {
     }));
     make();
   }));
-  auto advance = std::async(std::launch::async, [] { AdvanceManualClock(2 * kSecond); });
+  auto advance = AdvanceOnAnotherThread(2);
   WaitOrDie(advance, "a callback deleting its own timer");
   EXPECT_EQ(self, nullptr);
-  EXPECT_EQ(own.invoked, 1);
-  EXPECT_EQ(own.destroyed, 1);
+  EXPECT_EQ(own.invoked + own.destroyed, 2);
   EXPECT_EQ(rep.invoked, 3);
   EXPECT_EQ(chain.invoked, 5);
   delete again;
   made.clear();
   EXPECT_EQ(rep.destroyed + chain.destroyed, 6);
-}
-
-TEST_F(TimerTest, WaitForRunningCallbacksWaitsForTheCallbackInFlight) {
-  Counts c;
-  std::promise<void> entered, release;
-  std::shared_future<void> released = release.get_future().share();
-  int storeData = 0, callbackData = 0;
-  auto invoke = [&] {
-    entered.set_value();
-    released.wait();
-    storeData = 42;
-  };
-  ITimer* t = ITimer::CreateNewTimer(1, new Probe(c, invoke, [&] { callbackData = 7; }));
-  auto advance = std::async(std::launch::async, [] { AdvanceManualClock(kSecond); });
-  entered.get_future().wait();
-  delete t;  // a store's teardown: timers first, then wait
-  EXPECT_EQ(c.destroyed, 0);
-  std::atomic<bool> returned{false};
-  int seenData = 0, seenCallbackData = 0, seenDestroyed = 0;
-  auto teardown = std::async(std::launch::async, [&] {
-    ITimer::WaitForRunningCallbacks();
-    returned = true;
-    seenData = storeData;
-    seenCallbackData = callbackData;  // a race here if the object outlived the wait
-    seenDestroyed = c.destroyed;
-  });
-  EXPECT_FALSE(returned);
-  release.set_value();
-  WaitOrDie(teardown, "WaitForRunningCallbacks");
-  WaitOrDie(advance, "the callback");
-  EXPECT_EQ(seenData + seenCallbackData + seenDestroyed, 42 + 7 + 1);
 }
 
 // Callers create, restart and delete timers on several threads while the
@@ -268,7 +241,7 @@ TEST_F(TimerTest, ConcurrentCallersAndFiring) {
       --running;
     });
   }
-  while (running > 0) AdvanceManualClock(kSecond);
+  while (running > 0) m_Clock.Advance(1);
   for (auto& th : callers) th.join();
   ITimer::WaitForRunningCallbacks();
   EXPECT_EQ(c.destroyed, created);
