@@ -1,16 +1,23 @@
-// BSTR and SAFEARRAY service: layout, copies, codes and lock counting.
+// BSTR and SAFEARRAY service: layout, copies, codes, lock counting, and the
+// fault points of its functions (a failed allocation anywhere is reported
+// and leaves nothing behind).
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "xk/fault_point.h"
 #include "xk/oleauto.h"
 
 namespace {
+
+using xk::fault::Kind;
+using xk::fault::Outcome;
 
 std::string Hex(HRESULT hr) {
   char text[16];
@@ -43,10 +50,8 @@ TEST(Bstr, LengthsOfBstrsAndOfPlainBuffers) {
   std::memcpy(name, "name", 5);
   char* nothing = static_cast<char*>(std::calloc(1, 1));
   char onStack[] = {'k', 'e', 'y', '\0', 'x'};
-  EXPECT_EQ(SysStringLen(name), 4u);
-  EXPECT_EQ(SysStringByteLen(nothing), 0u);
-  EXPECT_EQ(SysStringLen(onStack), 3u);
-  EXPECT_EQ(SysStringLen(nullptr), 0u);
+  EXPECT_EQ((std::vector<unsigned>{SysStringLen(name), SysStringByteLen(nothing), SysStringLen(onStack), SysStringLen(nullptr)}),
+            (std::vector<unsigned>{4, 0, 3, 0}));
   SysFreeString(name);  // not the service's: left alone (ASan: no double free below)
   qxSysFreeString(nothing, 0);
   std::free(name);
@@ -60,12 +65,12 @@ TEST(SafeArray, CreateStoresBoundsReversedAndAddressesLeftmostFastest) {
   ASSERT_NE(psa, nullptr);
   EXPECT_EQ(psa->rgsabound[0].cElements, 4u);
   EXPECT_EQ(psa->rgsabound[1].cElements, 3u);
-  long bounds[4];
-  EXPECT_HR(S_OK, SafeArrayGetLBound(psa, 1, &bounds[0]));
-  EXPECT_HR(S_OK, SafeArrayGetUBound(psa, 1, &bounds[1]));
-  EXPECT_HR(S_OK, SafeArrayGetLBound(psa, 2, &bounds[2]));
-  EXPECT_HR(S_OK, SafeArrayGetUBound(psa, 2, &bounds[3]));
-  EXPECT_EQ(std::vector<long>(bounds, bounds + 4), (std::vector<long>{0, 2, 10, 13}));
+  std::vector<long> bounds(4);
+  for (unsigned int d = 1; d <= 2; ++d) {
+    EXPECT_HR(S_OK, SafeArrayGetLBound(psa, d, &bounds[2 * d - 2]));
+    EXPECT_HR(S_OK, SafeArrayGetUBound(psa, d, &bounds[2 * d - 1]));
+  }
+  EXPECT_EQ(bounds, (std::vector<long>{0, 2, 10, 13}));
   EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetLBound(psa, 0, &bounds[0]));
   EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetUBound(psa, 3, &bounds[0]));
   for (int j = 0; j < 4; ++j) {
@@ -81,31 +86,6 @@ TEST(SafeArray, CreateStoresBoundsReversedAndAddressesLeftmostFastest) {
   }
   EXPECT_EQ(SafeArrayUnaccessData(psa), S_OK);
   EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
-}
-
-TEST(SafeArray, ElementSizesAndRefusedShapes) {
-  const std::vector<std::pair<VARTYPE, unsigned>> sizes = {
-      {VT_I1, 1}, {VT_UI1, 1}, {VT_I2, 2}, {VT_UI2, 2}, {VT_BOOL, 2}, {VT_I4, 4}, {VT_UI4, 4},
-      {VT_R4, 4}, {VT_ERROR, 4}, {VT_INT, 4}, {VT_UINT, 4}, {VT_R8, 8}, {VT_CY, 8}, {VT_DATE, 8},
-      {VT_I8, 8}, {VT_UI8, 8}, {VT_DECIMAL, 16}, {VT_BSTR, sizeof(char*)}, {VT_DISPATCH, sizeof(void*)},
-      {VT_UNKNOWN, sizeof(void*)}};
-  for (auto [vt, size] : sizes) {
-    SAFEARRAY* psa = SafeArrayCreateVector(vt, 0, 3);
-    ASSERT_NE(psa, nullptr) << "vt " << vt;
-    VARTYPE got = 0;
-    EXPECT_EQ(SafeArrayGetVartype(psa, &got), S_OK);
-    EXPECT_EQ(got, vt);
-    EXPECT_EQ(SafeArrayGetElemsize(psa), size) << "vt " << vt;
-    EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), 3 * size), std::string(3 * size, '\0')) << "vt " << vt;
-    EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
-  }
-  for (VARTYPE vt : std::vector<VARTYPE>{VT_EMPTY, VT_NULL, VT_VARIANT, 15, 24, 0x2011}) {
-    EXPECT_EQ(SafeArrayCreateVector(vt, 0, 1), nullptr) << "vt " << vt;
-  }
-  SAFEARRAYBOUND huge[2] = {{1ul << 40, 0}, {1ul << 40, 0}};
-  EXPECT_EQ(SafeArrayCreate(VT_I4, 0, huge), nullptr);
-  EXPECT_EQ(SafeArrayCreate(VT_I4, 1, nullptr), nullptr);
-  EXPECT_EQ(SafeArrayCreate(VT_I4, 2, huge), nullptr) << "size overflows";
 }
 
 TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
@@ -124,16 +104,10 @@ TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
   ASSERT_EQ(SafeArrayGetElement(psa, at[0], &got), S_OK);
   got[0] = 'X';
   SysFreeString(got);
-  ASSERT_EQ(SafeArrayGetElement(psa, at[0], &got), S_OK);
-  EXPECT_EQ(Bytes(got), kPin) << "independent of the copy changed above";
-  SysFreeString(got);
-  ASSERT_EQ(SafeArrayGetElement(psa, at[2], &got), S_OK);
-  EXPECT_EQ(got, nullptr);
-
   SAFEARRAY* copy = nullptr;
   ASSERT_EQ(SafeArrayCopy(psa, &copy), S_OK);
   ASSERT_EQ(SafeArrayDestroy(psa), S_OK);  // the copy must share nothing with it
-  const std::string expected[] = {kPin, "pin", ""};
+  const std::string expected[] = {kPin, "pin", ""};  // the first independent of the copy changed above
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(SafeArrayGetElement(copy, at[i], &got), S_OK);
     EXPECT_EQ(got == nullptr ? "" : Bytes(got), expected[i]);
@@ -143,18 +117,32 @@ TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
   EXPECT_EQ(qxSafeArrayDestroy(copy, 0), S_OK);
 }
 
-TEST(SafeArray, BadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
-  for (VARTYPE vt : std::vector<VARTYPE>{VT_UI1, VT_I2, VT_R8, VT_DECIMAL, VT_BSTR, VT_UNKNOWN}) {
+// Every vartype the service keeps, with its element size, in one to three
+// dimensions: the elements start zeroed, the last index of each dimension is
+// reached and one past either end of any dimension is refused.
+TEST(SafeArray, ElementSizesBadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
+  const std::pair<VARTYPE, unsigned> kSizes[] = {
+      {VT_I1, 1},    {VT_UI1, 1},    {VT_I2, 2},   {VT_UI2, 2},   {VT_BOOL, 2},  {VT_I4, 4},
+      {VT_UI4, 4},   {VT_R4, 4},     {VT_ERROR, 4}, {VT_INT, 4},  {VT_UINT, 4},  {VT_R8, 8},
+      {VT_CY, 8},    {VT_DATE, 8},   {VT_I8, 8},   {VT_UI8, 8},   {VT_DECIMAL, 16},
+      {VT_BSTR, sizeof(BSTR)}, {VT_DISPATCH, sizeof(void*)}, {VT_UNKNOWN, sizeof(void*)}};
+  for (auto [vt, size] : kSizes) {
     for (unsigned dims = 1; dims <= 3; ++dims) {
       SCOPED_TRACE("vt " + std::to_string(vt) + ", " + std::to_string(dims) + " dims");
       std::vector<SAFEARRAYBOUND> bounds;
       std::vector<int> last;  // the last index of every dimension
+      std::size_t cells = 1;
       for (unsigned d = 0; d < dims; ++d) {
         bounds.push_back({d + 2, static_cast<long>(d) - 1});
         last.push_back(static_cast<int>(bounds[d].lLbound + bounds[d].cElements - 1));
+        cells *= d + 2;
       }
       SAFEARRAY* psa = SafeArrayCreate(vt, dims, bounds.data());
       ASSERT_NE(psa, nullptr);
+      VARTYPE got = 0;
+      EXPECT_HR(S_OK, SafeArrayGetVartype(psa, &got));
+      EXPECT_EQ(std::make_pair(got, SafeArrayGetElemsize(psa)), std::make_pair(vt, size));
+      EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), cells * size), std::string(cells * size, '\0'));
       alignas(16) unsigned char value[16] = {7}, out[16] = {};
       void* in = vt == VT_BSTR ? static_cast<void*>(const_cast<char*>("v")) : value;
       EXPECT_HR(S_OK, SafeArrayPutElement(psa, last.data(), in));
@@ -176,6 +164,13 @@ TEST(SafeArray, BadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
       EXPECT_HR(S_OK, SafeArrayDestroy(psa));
     }
   }
+  for (VARTYPE vt : std::vector<VARTYPE>{VT_EMPTY, VT_NULL, VT_VARIANT, 15, 24, 0x2011}) {
+    EXPECT_EQ(SafeArrayCreateVector(vt, 0, 1), nullptr) << "vt " << vt;
+  }
+  SAFEARRAYBOUND huge[2] = {{1ul << 40, 0}, {1ul << 40, 0}};
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 0, huge), nullptr);
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 1, nullptr), nullptr);
+  EXPECT_EQ(SafeArrayCreate(VT_I4, 2, huge), nullptr) << "size overflows";
   SAFEARRAY* psa = SafeArrayCreateVector(VT_I4, 0, 1);
   void* data = &psa;
   SAFEARRAY* copy = psa;
@@ -227,9 +222,8 @@ TEST(SafeArray, LockCountingGuardsDestroyOnly) {
     EXPECT_HR(E_UNEXPECTED, SafeArrayLock(full));
     EXPECT_EQ(full->cLocks, 0xFFFFFFFFu);
     full->cLocks = 0;
+    EXPECT_HR(S_OK, SafeArrayDestroy(full));
   }
-  EXPECT_HR(S_OK, SafeArrayDestroy(numbers));
-  EXPECT_HR(S_OK, SafeArrayDestroy(psa));
 }
 
 TEST(SafeArray, ZeroElementArraysAreUsable) {
@@ -249,6 +243,109 @@ TEST(SafeArray, ZeroElementArraysAreUsable) {
     EXPECT_HR(S_OK, SafeArrayDestroy(copy));
     EXPECT_HR(S_OK, SafeArrayDestroy(psa));
   }
+}
+
+constexpr long kArmedCode = static_cast<long>(0x8000CAFEu);
+
+// One representative of each shape of function, reduced to a number: each
+// function obeys its own fault point only.
+TEST(SafeArrayFault, EachKindOnEachShapeOfFunction) {
+  enum class Shape { kPointer, kHresult, kCount, kRelease };
+  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 2);
+  ASSERT_NE(psa, nullptr);
+  SAFEARRAY* copy = psa;
+  const struct {
+    const char* op;
+    Shape shape;
+    std::function<long()> run;
+  } kCalls[] = {
+      {"SysAllocStringByteLen", Shape::kPointer, [&] { BSTR b = SysAllocStringByteLen("a", 1); SysFreeString(b); return long{b != nullptr}; }},
+      {"SafeArrayCreateVector", Shape::kPointer, [&] { SAFEARRAY* p = SafeArrayCreateVector(VT_I4, 0, 1); SafeArrayDestroy(p); return long{p != nullptr}; }},
+      {"SysStringLen", Shape::kCount, [&] { return long{SysStringLen(const_cast<char*>("four"))}; }},
+      {"qxSysFreeString", Shape::kRelease, [&] { qxSysFreeString(SysAllocString("x"), 0); return 0L; }},
+      // A faulted copy must still write NULL: the last copy, already destroyed, is
+      // left in `copy` otherwise and destroyed again.
+      {"SafeArrayCopy", Shape::kHresult, [&] { HRESULT hr = SafeArrayCopy(psa, &copy); SafeArrayDestroy(copy); return long{hr}; }},
+      {"SafeArrayUnlock", Shape::kHresult, [&] { psa->cLocks = 1; return long{SafeArrayUnlock(psa)}; }},
+      {"qxSafeArrayDestroy", Shape::kHresult, [&] { psa->cLocks = 1; return long{qxSafeArrayDestroy(psa, 0)}; }},
+  };
+  xk::fault::Arm("SafeArrayDestroy", 1, Outcome{Kind::kCode, kArmedCode, 0}, false);
+  psa->cLocks = 1;
+  EXPECT_EQ(qxSafeArrayDestroy(psa, 0), DISP_E_ARRAYISLOCKED);
+  xk::fault::Reset();
+  for (const auto& call : kCalls) {
+    const long normal = call.run();
+    for (Kind kind : {Kind::kCode, Kind::kNull, Kind::kThrow, Kind::kShortRead}) {
+      SCOPED_TRACE(std::string(call.op) + " kind " + std::to_string(static_cast<int>(kind)));
+      xk::fault::Arm(call.op, 1, Outcome{kind, kArmedCode, 0}, false);
+      const long faulted = call.run();
+      EXPECT_EQ(xk::fault::Fired(call.op), 1u);
+      xk::fault::Reset();
+      long expected = normal;  // kThrow and kShortRead are ignored, and so is a release's fault
+      if (kind == Kind::kCode || kind == Kind::kNull) {
+        const bool code = kind == Kind::kCode;
+        if (call.shape == Shape::kPointer) expected = 0;
+        if (call.shape == Shape::kCount) expected = code ? long{static_cast<unsigned>(kArmedCode)} : 0;
+        if (call.shape == Shape::kHresult) expected = code ? long{static_cast<HRESULT>(kArmedCode)} : long{E_OUTOFMEMORY};
+      }
+      EXPECT_EQ(faulted, expected);
+      EXPECT_EQ(call.run(), normal) << "armed for one call only";
+    }
+  }
+  psa->cLocks = 0;
+  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
+}
+
+// For n = 1, 2, ...: fail the nth allocation inside `run`, which says whether
+// it succeeded; then, disarmed, `verify` checks that outcome and what was left.
+// Returns the number of rounds until `run` no longer reached the fault.
+// LeakSanitizer reports whatever a failure path forgot to release.
+int CountdownUntilSuccess(const std::function<bool()>& run, const std::function<void(bool)>& verify) {
+  for (unsigned n = 1; n < 100; ++n) {
+    SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
+    xk::fault::Arm("winext.Allocate", n, Outcome{Kind::kNull, 0, 0}, false);
+    const bool ok = run();
+    const unsigned fired = xk::fault::Fired("winext.Allocate");
+    xk::fault::Reset();
+    EXPECT_EQ(ok, fired == 0);
+    verify(ok);
+    if (fired == 0) return static_cast<int>(n);
+  }
+  ADD_FAILURE() << "never completed";
+  return 0;
+}
+
+TEST(SafeArrayFault, EveryAllocationFailureIsReportedAndCleanedUp) {
+  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 2);
+  ASSERT_NE(psa, nullptr);
+  int at[2][1] = {{0}, {1}};
+  BSTR blob = SysAllocStringByteLen("a\0b", 3);
+  ASSERT_EQ(SafeArrayPutElement(psa, at[0], const_cast<char*>("text")), S_OK);
+  ASSERT_EQ(SafeArrayPutElement(psa, at[1], blob), S_OK);
+  SAFEARRAY* copy = nullptr;
+  HRESULT hr = S_OK;
+  const int copyRounds = CountdownUntilSuccess([&] { return SUCCEEDED(hr = SafeArrayCopy(psa, &copy)); }, [&](bool ok) {
+    EXPECT_EQ(hr, ok ? S_OK : E_OUTOFMEMORY);
+    EXPECT_EQ(copy == nullptr, !ok);
+    BSTR second = nullptr;
+    if (ok) {
+      EXPECT_EQ(SafeArrayGetElement(copy, at[1], &second), S_OK);
+      EXPECT_EQ(SysStringLen(second), 3u);
+    }
+    SysFreeString(second);
+    SafeArrayDestroy(copy);
+  });
+  EXPECT_GE(copyRounds, 4) << "the array's block, two element copies, and any table growth";
+
+  const int putRounds = CountdownUntilSuccess([&] { return SUCCEEDED(hr = SafeArrayPutElement(psa, at[0], blob)); }, [&](bool ok) {
+    BSTR now = nullptr;
+    EXPECT_EQ(SafeArrayGetElement(psa, at[0], &now), S_OK);
+    EXPECT_EQ(SysStringByteLen(now), ok ? 3u : 4u) << "a failed put keeps the old element";
+    SysFreeString(now);
+  });
+  EXPECT_GE(putRounds, 2);
+  SysFreeString(blob);
+  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
 }
 
 }  // namespace
