@@ -35,6 +35,13 @@ inline long Set(HKEY key, const char* name, const std::string& bytes, unsigned i
                          static_cast<unsigned int>(bytes.size()));
 }
 
+// Creates the key at `path` below HKEY_LOCAL_MACHINE and writes one value.
+inline void Put(const char* path, const char* name, const std::string& bytes, unsigned int type = REG_SZ) {
+  HKEY key = Create(path);
+  EXPECT_EQ(Set(key, name, bytes, type), ERROR_SUCCESS) << path << " " << name;
+  xkRegCloseKey(key);
+}
+
 // The text of a string value, "-" when it cannot be read. `hive` may be a handle.
 inline std::string Read(const char* path, const char* name, HKEY hive = kHklm) {
   char buffer[64] = {};

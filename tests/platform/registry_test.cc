@@ -63,11 +63,7 @@ TEST_F(RegistryTest, CreateOpenAndHandlesThatOutliveTheirKey) {
 
 TEST_F(RegistryTest, DeleteKeyRefusesSubkeysAndDeleteSubKeyTakesTheSubtreeOnly) {
   // Neighbours sharing the prefix "T\a" ('!' and ']' sort either side of '\') survive.
-  for (const char* path : {"T\\a\\b\\c", "T\\a\\d", "T\\ab", "T\\a!", "T\\a]"}) {
-    HKEY key = Create(path);
-    Set(key, "v", path);
-    xkRegCloseKey(key);
-  }
+  for (const char* path : {"T\\a\\b\\c", "T\\a\\d", "T\\ab", "T\\a!", "T\\a]"}) Put(path, "v", path);
   EXPECT_EQ(qxRegDeleteKey(kHklm, "T\\a", 0, 0), ERROR_KEY_HAS_CHILDREN);
   EXPECT_EQ(qxRegDeleteKey(kHklm, "T\\a\\d", 0, 0), ERROR_SUCCESS);
   EXPECT_EQ(qxRegDeleteKey(kHklm, "T\\a\\d", 0, 0), ERROR_FILE_NOT_FOUND);
@@ -125,12 +121,11 @@ TEST_F(RegistryTest, ListingsFollowByteOrderAndFillRecordsUpToTheCapacity) {
   count = 2;
   ASSERT_EQ(qxRegListValueNamesEx(kHklm, "K", values.data(), &count, (1u << REG_BINARY) | (1u << REG_DWORD), 0),
             ERROR_SUCCESS);
-  ASSERT_EQ(count, 2u);
-  EXPECT_STREQ(values[0].szName, "n");
-  EXPECT_EQ(values[0].dwType, REG_DWORD);
-  EXPECT_EQ(values[0].cbData, 4u);
-  EXPECT_EQ(values[1].szName, longValue);
-  EXPECT_EQ(values[1].cbData, 3u);
+  const auto record = [](const qxRegValue_& r) {
+    return std::string(r.szName) + "/" + std::to_string(r.dwType) + "/" + std::to_string(r.cbData);
+  };
+  EXPECT_EQ(Names({std::to_string(count), record(values[0]), record(values[1])}),
+            Names({"2", "n/4/4", longValue + "/3/3"}));
   xkRegCloseKey(key);
 }
 
@@ -187,7 +182,7 @@ TEST_F(RegistryTest, ValuesKeepTypeAndBytesAndTypedReadsCheckThem) {
   xkRegCloseKey(key);
 }
 
-TEST_F(RegistryTest, MalformedPathsLongNamesUnknownHivesAndAbsentItems) {
+TEST_F(RegistryTest, MalformedPathsLongNamesUnknownHivesAbsentItemsAndInjectedFaults) {
   HKEY key = nullptr;
   // The layer above builds "...\tree\5\\" for a compartment id ending in "//".
   for (const char* path : {"tree\\5\\\\", "\\a", "a\\", "a\\\\b", "\\"}) {
@@ -212,10 +207,27 @@ TEST_F(RegistryTest, MalformedPathsLongNamesUnknownHivesAndAbsentItems) {
   EXPECT_EQ(qxRegReadValueEx(kHklm, "a", "absent", &type, nullptr, &size, 0), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(qxRegReadValueEx(kHklm, "Nowhere", "v", &type, nullptr, &size, 0), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(qxRegListValueNamesEx(kHklm, "Nowhere", nullptr, &count, 0xFFFFFFFF, 0), ERROR_FILE_NOT_FOUND);
+
+  // An injected fault fails its call before it touches the file: its code, or
+  // ERROR_REGISTRY_IO_FAILED for any other kind and for a code of 0.
+  m_Faults.FailWithCode("xkRegSetValueEx", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(Set(key, "v", ""), ERROR_REGISTRY_IO_FAILED);
+  EXPECT_TRUE(ValueNames("a").empty());
+  EXPECT_EQ(Set(key, "v", ""), ERROR_SUCCESS);
+  m_Faults.FailWithCode("xkRegOpenKeyEx", ERROR_ACCESS_DENIED);
+  HKEY opened = reinterpret_cast<HKEY>(0x1234);
+  errno = 0;
+  EXPECT_EQ(xkRegOpenKeyEx(kHklm, "a", 0, 0, &opened), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(opened, reinterpret_cast<HKEY>(0x1234));
+  m_Faults.FailWithThrow("qxRegListValueNamesEx", 4000);
+  EXPECT_EQ(qxRegListValueNamesEx(kHklm, "a", nullptr, &count, 0xFFFFFFFF, 0), ERROR_REGISTRY_IO_FAILED);
+  m_Faults.FailWithCode("qxRegDeleteSubKey", ERROR_SUCCESS);
+  EXPECT_EQ(qxRegDeleteSubKey(kHklm, "a", 0, 0), ERROR_REGISTRY_IO_FAILED);
   xkRegCloseKey(key);
 }
 
-TEST_F(RegistryTest, DefaultFileIsPrivateWhateverTheUmask) {
+TEST_F(RegistryTest, DatabaseFilePrivateWhateverTheUmaskSwitchedAtWillAndNeverAForeignFile) {
   const std::string dir = m_Sandbox.Dir(), dataHome = dir + "/data";
   const std::string saved = std::getenv("XK_REGISTRY_PATH") != nullptr ? std::getenv("XK_REGISTRY_PATH") : "";
   unsetenv("XK_REGISTRY_PATH");
@@ -223,10 +235,8 @@ TEST_F(RegistryTest, DefaultFileIsPrivateWhateverTheUmask) {
   ASSERT_EQ(xkRegSetDatabasePath(nullptr), ERROR_SUCCESS);
   EXPECT_EQ(std::string(xkRegGetDatabasePath()), dataHome + "/xk/registry.db");
   const mode_t oldMask = umask(0277);  // would give folders 0500 and files 0400
-  HKEY key = Create("P");
-  Set(key, "v", "1");
+  Put("P", "v", "1");
   umask(oldMask);
-  xkRegCloseKey(key);
   const std::string file = dataHome + "/xk/registry.db";
   for (const std::string& path : {dataHome, dataHome + "/xk", file, file + "-wal", file + "-shm"}) {
     struct stat st;
@@ -238,10 +248,10 @@ TEST_F(RegistryTest, DefaultFileIsPrivateWhateverTheUmask) {
   EXPECT_EQ(std::string(xkRegGetDatabasePath()), dir + "/explicit.db");
   unsetenv("XDG_DATA_HOME");
   saved.empty() ? unsetenv("XK_REGISTRY_PATH") : setenv("XK_REGISTRY_PATH", saved.c_str(), 1);
-}
 
-TEST_F(RegistryTest, SwitchingFilesKeepsEachFileApartAndRefusesForeignFiles) {
-  const std::string first = m_Sandbox.RegistryPath(), second = m_Sandbox.Dir() + "/other.db";
+  // Switching files keeps each apart; a handle does not follow its key there.
+  const std::string first = m_Sandbox.RegistryPath(), second = dir + "/other.db";
+  ASSERT_EQ(xkRegSetDatabasePath(first.c_str()), ERROR_SUCCESS);
   HKEY key = Create("S");
   Set(key, "v", "first");
   ASSERT_EQ(xkRegSetDatabasePath(second.c_str()), ERROR_SUCCESS);
@@ -263,27 +273,6 @@ TEST_F(RegistryTest, SwitchingFilesKeepsEachFileApartAndRefusesForeignFiles) {
     ASSERT_EQ(xkRegSetDatabasePath(file.c_str()), ERROR_SUCCESS);
     EXPECT_EQ(xkRegOpenKeyEx(kHklm, nullptr, 0, 0, &key), ERROR_BADDB) << file;
   }
-}
-
-TEST_F(RegistryTest, InjectedFaultsFailBeforeTouchingTheStore) {
-  HKEY key = Create("F");
-  m_Faults.FailWithCode("xkRegSetValueEx", ERROR_REGISTRY_IO_FAILED);
-  EXPECT_EQ(Set(key, "v", ""), ERROR_REGISTRY_IO_FAILED);
-  EXPECT_TRUE(ValueNames("F").empty());
-  EXPECT_EQ(Set(key, "v", ""), ERROR_SUCCESS);
-  m_Faults.FailWithCode("xkRegOpenKeyEx", ERROR_ACCESS_DENIED);
-  HKEY opened = reinterpret_cast<HKEY>(0x1234);
-  errno = 0;
-  EXPECT_EQ(xkRegOpenKeyEx(kHklm, "F", 0, 0, &opened), ERROR_ACCESS_DENIED);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(opened, reinterpret_cast<HKEY>(0x1234));
-  // Any other kind of fault, and a code of 0, is ERROR_REGISTRY_IO_FAILED.
-  m_Faults.FailWithThrow("qxRegListValueNamesEx", 4000);
-  unsigned int count = 0;
-  EXPECT_EQ(qxRegListValueNamesEx(kHklm, "F", nullptr, &count, 0xFFFFFFFF, 0), ERROR_REGISTRY_IO_FAILED);
-  m_Faults.FailWithCode("qxRegDeleteSubKey", ERROR_SUCCESS);
-  EXPECT_EQ(qxRegDeleteSubKey(kHklm, "F", 0, 0), ERROR_REGISTRY_IO_FAILED);
-  xkRegCloseKey(key);
 }
 
 }  // namespace

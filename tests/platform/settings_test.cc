@@ -17,9 +17,7 @@ const SecureString kTimeout("Merrowstore.Authentication.Timeout");
 const SecureString kPinAlways("Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys");
 
 void PutRaw(const SecureString& name, unsigned int type, const std::string& bytes) {
-  HKEY key = regtest::Create(xk::settings::RegistryKey());
-  EXPECT_EQ(regtest::Set(key, name.c_str(), bytes, type), ERROR_SUCCESS);
-  xkRegCloseKey(key);
+  regtest::Put(xk::settings::RegistryKey(), name.c_str(), bytes, type);
 }
 
 std::int64_t Read(const SecureString& name, HRESULT expected = S_OK) {
