@@ -6,13 +6,7 @@
 
 namespace {
 
-using mtest::Array;
-using mtest::Bytes;
-using mtest::Data;
-using mtest::Read;
-using mtest::Shape;
-using mtest::ShapeOf;
-using mtest::Strings;
+using mtest::Array, mtest::Bytes, mtest::Data, mtest::Read, mtest::Shape, mtest::ShapeOf, mtest::Strings;
 
 SAFEARRAY* const kUntouched = reinterpret_cast<SAFEARRAY*>(0x1);
 const Bytes kKeyFile = {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE, 0x01,
@@ -55,16 +49,11 @@ class CommonCryptoTest : public ::testing::Test {
     ASSERT_EQ(S_OK, m_Persistent.initialize("Remanent", true));
     ASSERT_EQ(S_OK, m_Volatile.initialize("Memory", false));
   }
-  // Encrypts `in` twice under the volatile key (equal blobs: the IV is fixed)
-  // and decrypts the blob.
+  // Encrypts `in` under the volatile key and decrypts the blob.
   Array RoundTrip(SAFEARRAY* in) {
-    SAFEARRAY *blob = nullptr, *again = nullptr, *out = nullptr;
+    SAFEARRAY *blob = nullptr, *out = nullptr;
     EXPECT_EQ(S_OK, m_Volatile.encryptValue(in, blob, false));
-    EXPECT_EQ(S_OK, m_Volatile.encryptValue(in, again, false));
-    Array holders[] = {Array(blob), Array(again)};
-    EXPECT_EQ(ShapeOf(blob).size(), 1u);
-    EXPECT_EQ(Data(blob).size() % 16, 0u);
-    EXPECT_EQ(Data(blob), Data(again));
+    Array holder(blob);
     EXPECT_EQ(S_OK, m_Volatile.DecryptValue(blob, out, false));
     return Array(out);
   }
@@ -72,22 +61,23 @@ class CommonCryptoTest : public ::testing::Test {
   CommonCrypto m_Persistent, m_Volatile;
 };
 
+// A persistent key is the key file's first sixteen bytes unmasked, the same
+// for every store that asks.
 TEST_F(CommonCryptoTest, KeyFileGivesItsFirstSixteenBytesUnmasked) {
   // length -1: no file.
-  const struct { int length; const char* fault; HRESULT hr; std::string line; SecureByteVector key; } cases[] = {
-      {16, nullptr, S_OK, "", FileKey()},
-      {17, nullptr, S_OK, "", FileKey()},
-      {15, nullptr, E_FAIL, "Unable to read the complete key from file (len = 15)", FileKey(15)},
-      {16, "fread", E_FAIL, "Unable to read the complete key from file (len = 5)", FileKey(5)},
-      {-1, nullptr, E_FAIL, "Unable to open the key file", {7, 7}},
-      {16, "fopen", E_FAIL, "Unable to open the key file", {7, 7}},
+  const struct { int length; const char* fault; HRESULT hr; SecureByteVector key; } cases[] = {
+      {16, nullptr, S_OK, FileKey()},
+      {17, nullptr, S_OK, FileKey()},
+      {15, nullptr, E_FAIL, FileKey(15)},
+      {16, "fread", E_FAIL, FileKey(5)},
+      {-1, nullptr, E_FAIL, {7, 7}},
+      {16, "fopen", E_FAIL, {7, 7}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.length << " " << (c.fault ? c.fault : ""));
     mtest::Sandbox sandbox;
     if (c.length >= 0) sandbox.WriteKeyFile(Bytes(kKeyFile.begin(), kKeyFile.begin() + c.length));
     mtest::FaultInjector faults;
-    mtest::LogCapture log;
     if (c.fault) faults.FailWithShortRead(c.fault, 5);
     SecureByteVector key = {7, 7};
     CommonCrypto crypto;
@@ -97,23 +87,12 @@ TEST_F(CommonCryptoTest, KeyFileGivesItsFirstSixteenBytesUnmasked) {
     EXPECT_EQ(c.hr, crypto.initialize("Store", true));
     EXPECT_EQ(crypto.PersistentKey() ? crypto.PersistentKey()->Export() : SecureByteVector(),
               c.hr == S_OK ? key : SecureByteVector());
-    EXPECT_EQ(log.Count("CommonCrypto::GetKeyFromFile : " + c.line), c.hr == S_OK ? 0u : 2u);
-    EXPECT_EQ(log.Contains(1, "CommonCrypto::CreateNewPersistentKey GetKeyFromFile failed"), c.hr != S_OK);
   }
 }
 
-TEST_F(CommonCryptoTest, PersistentKeysAreSharedVolatileKeysAreNot) {
-  CommonCrypto other, otherVolatile;
-  ASSERT_EQ(S_OK, other.initialize("AnotherRemanent", true));
-  ASSERT_EQ(S_OK, otherVolatile.initialize("Other", false));
-  EXPECT_EQ(m_Persistent.PersistentKey()->Export(), other.PersistentKey()->Export());
-  EXPECT_EQ(m_Volatile.VolatileKey()->GetSize(), 16u);
-  EXPECT_NE(m_Volatile.VolatileKey()->Export(), otherVolatile.VolatileKey()->Export());
-}
-
-// 4000 gives E_INVALIDARG and the rest E_FAIL, with the failure's line; what
+// 4000 gives E_INVALIDARG and the rest E_FAIL; nothing is written and what
 // was made is released (ASan checks).
-TEST_F(CommonCryptoTest, LibraryFailuresAreMappedAndLogged) {
+TEST_F(CommonCryptoTest, LibraryFailuresAreMapped) {
   Array value = Make(VT_UI1, {20});
   SAFEARRAY* blob = nullptr;
   ASSERT_EQ(S_OK, m_Volatile.encryptValue(value.get(), blob, false));
@@ -123,36 +102,30 @@ TEST_F(CommonCryptoTest, LibraryFailuresAreMappedAndLogged) {
   const Call persistentKey = [](SAFEARRAY*&) { return CommonCrypto().initialize("S", true); };
   const Call encrypt = [&](SAFEARRAY*& out) { return m_Volatile.encryptValue(value.get(), out, false); };
   const Call decrypt = [&](SAFEARRAY*& out) { return m_Volatile.DecryptValue(blob, out, false); };
-  const struct { const char* op; const Call& call; std::string line; } runs[] = {
-      {"ICryptoParserParameterMap::SetKeyLabel", volatileKey, "CreateNewVolatileKey : Impossible to generate new key"},
-      {"KeyGenerator::GenerateKey", volatileKey, "CreateNewVolatileKey : Impossible to generate new key"},
-      {"IKey::Create", persistentKey, "CreateNewPersistentKey : Impossible to generate new key"},
-      {"ICryptoParserParameterMap::SetIV", encrypt, "encryptValue : Impossible to retrieve Certificate"},
-      {"Cipher::DoFinal", encrypt, "encryptValue : Impossible to retrieve Certificate"},
-      {"Cipher::Create", decrypt, "DecryptValue : Impossible to retrieve Certificate"},
-      {"Cipher::DoFinal", decrypt, "DecryptValue : Impossible to retrieve Certificate"},
+  // A factory that answers NULL (nullFactory) counts as the library running
+  // out of memory.
+  const struct { const char* op; const Call& call; bool nullFactory; } runs[] = {
+      {"ICryptoParserParameterMap::SetKeyLabel", volatileKey, false},
+      {"KeyGenerator::GenerateKey", volatileKey, false},
+      {"IKey::Create", persistentKey, false},
+      {"ICryptoParserParameterMap::SetIV", encrypt, false},
+      {"Cipher::DoFinal", encrypt, false},
+      {"Cipher::Create", decrypt, false},
+      {"Cipher::DoFinal", decrypt, false},
+      {"KeyGenerator::Create", volatileKey, true},
+      {"ICryptoParserParameterMap::Create", encrypt, true},
+      {"Cipher::Create", decrypt, true},
   };
   for (const auto& run : runs) {
-    for (unsigned code : {4000u, 4003u}) {
-      SCOPED_TRACE(run.line + " " + run.op + " " + std::to_string(code));
+    for (unsigned code : run.nullFactory ? std::vector<unsigned>{0} : std::vector<unsigned>{4000, 4003}) {
+      SCOPED_TRACE(std::string(run.op) + " " + std::to_string(code));
       mtest::FaultInjector faults;
-      mtest::LogCapture log;
-      faults.FailWithThrow(run.op, code);
+      run.nullFactory ? faults.FailWithNull(run.op) : faults.FailWithThrow(run.op, code);
       SAFEARRAY* out = kUntouched;
       EXPECT_EQ(run.call(out), code == 4000 ? E_INVALIDARG : E_FAIL);
       EXPECT_EQ(out, kUntouched);
       EXPECT_EQ(faults.Fired(run.op), 1u);
-      EXPECT_TRUE(log.Contains(1, "CommonCrypto::" + run.line));
     }
-  }
-  // A factory that answers NULL counts as the library running out of memory.
-  for (const auto& [op, call] : {std::pair<const char*, const Call&>{"KeyGenerator::Create", volatileKey},
-                                 {"ICryptoParserParameterMap::Create", encrypt}, {"Cipher::Create", decrypt}}) {
-    mtest::FaultInjector faults;
-    faults.FailWithNull(op);
-    SAFEARRAY* out = kUntouched;
-    EXPECT_EQ(call(out), E_FAIL) << op;
-    EXPECT_EQ(out, kUntouched);
   }
 }
 
@@ -212,22 +185,20 @@ TEST_F(CommonCryptoTest, BlobIsDescriptionZeroAndValueUnderAes) {
 }
 
 TEST_F(CommonCryptoTest, DecryptionJudgesWhatTheKeyYields) {
-  const struct { std::string plain, line; HRESULT hr; VARTYPE vt; Shape shape; Bytes data; } cases[] = {
-      {"", "CommonCrypto::DecryptValue pDescrOut == NULL", E_FAIL, 0, {}, {}},
-      {std::string("XYZ\0ab", 6), "CommonCrypto::DecryptValue *pDescrOut unknown", E_FAIL, 0, {}, {}},
-      {"UI1", "", S_OK, VT_UI1, {0}, {}},  // no terminator: all description
-      {std::string("INT\0abcde", 9), "", S_OK, VT_INT, {1}, B("abcd")},
-      {std::string("UI1_MULTI\0abc", 13), "", S_OK, VT_UI1, {0, 0}, {}},
-      {std::string("UI1_MULTI 2 2 \0abcde", 20), "", S_OK, VT_UI1, {2, 2}, B("abcd")},
-      {std::string("UI1_MULTI 2 3 \0abcde", 20), "", S_OK, VT_UI1, {2, 3}, B(std::string("abcde\0", 6))},
-      {std::string("BSTR\0abc", 8), "CommonCrypto::DecryptValue nbElem = 0", S_OK, VT_BSTR, {0}, {}},
+  const struct { std::string plain; HRESULT hr; VARTYPE vt; Shape shape; Bytes data; } cases[] = {
+      {"", E_FAIL, 0, {}, {}},
+      {std::string("XYZ\0ab", 6), E_FAIL, 0, {}, {}},
+      {"UI1", S_OK, VT_UI1, {0}, {}},  // no terminator: all description
+      {std::string("INT\0abcde", 9), S_OK, VT_INT, {1}, B("abcd")},
+      {std::string("UI1_MULTI\0abc", 13), S_OK, VT_UI1, {0, 0}, {}},
+      {std::string("UI1_MULTI 2 2 \0abcde", 20), S_OK, VT_UI1, {2, 2}, B("abcd")},
+      {std::string("UI1_MULTI 2 3 \0abcde", 20), S_OK, VT_UI1, {2, 3}, B(std::string("abcde\0", 6))},
+      {std::string("BSTR\0abc", 8), S_OK, VT_BSTR, {0}, {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.plain);
-    mtest::LogCapture log;
     SAFEARRAY* out = kUntouched;
     EXPECT_EQ(c.hr, m_Persistent.DecryptValue(Blob(Evp(1, B(c.plain))).get(), out, true));
-    EXPECT_EQ(log.Count(c.line), c.line.empty() ? 0u : 1u);
     if (FAILED(c.hr)) {
       EXPECT_EQ(out, kUntouched);
       continue;
@@ -238,34 +209,35 @@ TEST_F(CommonCryptoTest, DecryptionJudgesWhatTheKeyYields) {
     EXPECT_EQ(Data(out), c.data);
   }
 
+  // Altered or cut blobs, and blobs under another store's key (volatile keys
+  // are each their own), don't decrypt; a store without a key neither
+  // encrypts nor decrypts, and unsupported vartypes are refused.
   Array value = Make(VT_UI1, {40});
-  SAFEARRAY* blob = nullptr;
+  SAFEARRAY *blob = nullptr, *volatileBlob = nullptr;
   ASSERT_EQ(S_OK, m_Persistent.encryptValue(value.get(), blob, true));
-  const Bytes good = Data(Array(blob).get());
+  ASSERT_EQ(S_OK, m_Volatile.encryptValue(value.get(), volatileBlob, false));
+  const Bytes good = Data(Array(blob).get()), volatileGood = Data(Array(volatileBlob).get());
   Bytes lastByte = good, firstBlock = good;
   lastByte.back() ^= 1;
   firstBlock[3] ^= 1;
   CommonCrypto stranger, keyless;
-  ASSERT_EQ(S_OK, stranger.initialize("Remanent", false));
+  ASSERT_EQ(S_OK, stranger.initialize("Memory", false));
   const std::pair<CommonCrypto*, Bytes> unreadable[] = {{&m_Persistent, lastByte},
                                                         {&m_Persistent, firstBlock},
                                                         {&m_Persistent, Bytes(good.begin(), good.end() - 1)},
                                                         {&m_Persistent, {}},
-                                                        {&stranger, good}};
+                                                        {&stranger, good},
+                                                        {&stranger, volatileGood},
+                                                        {&keyless, good}};
   for (const auto& [crypto, bytes] : unreadable) {
     SAFEARRAY* out = kUntouched;
-    EXPECT_EQ(E_FAIL, crypto->DecryptValue(Blob(bytes).get(), out, crypto == &m_Persistent));
+    EXPECT_EQ(E_FAIL, crypto->DecryptValue(Blob(bytes).get(), out, crypto != &stranger));
     EXPECT_EQ(out, kUntouched);
   }
-  mtest::LogCapture log;
   SAFEARRAY* out = kUntouched;
   EXPECT_EQ(E_FAIL, keyless.encryptValue(value.get(), out, true));
-  EXPECT_EQ(E_FAIL, keyless.DecryptValue(Blob(good).get(), out, true));
-  EXPECT_TRUE(log.Contains(1, "CommonCrypto::encryptValue No key was set"));
-  EXPECT_TRUE(log.Contains(1, "CommonCrypto::DecryptValue No key was set"));
   for (VARTYPE vt : {VT_I2, VT_I4, VT_R8, VT_BOOL, VT_DISPATCH, VT_UI4})
     EXPECT_EQ(E_FAIL, m_Persistent.encryptValue(Make(vt, {2}).get(), out, true)) << vt;
-  EXPECT_EQ(log.Count("CommonCrypto::encryptValue unsupported vt"), 6u);
   EXPECT_EQ(out, kUntouched);
 }
 
@@ -279,37 +251,28 @@ TEST_F(CommonCryptoTest, ContainerFailures) {
   SAFEARRAY* const kValue = value.get();
   // SafeArrayCreateVector is made to give NULL, the others E_UNEXPECTED; the
   // value is encrypted, a blob decrypted.
-  const struct { const char* op; unsigned nth; SAFEARRAY* input; HRESULT hr; std::string line; bool written;
-                 Strings items; } cases[] = {
-      {"SafeArrayAccessData", 1, kValue, E_UNEXPECTED, "encryptValue SafeArrayAccessData failed", false, {}},
-      {"SafeArrayUnaccessData", 1, kValue, S_OK, "encryptValue SafeArrayUnaccessData failed", true, {}},
-      {"SafeArrayCreateVector", 1, kValue, E_INVALIDARG, "encryptValue SafeArrayAccessData failed", false, {}},
-      {"SafeArrayAccessData", 2, kValue, E_UNEXPECTED, "encryptValue SafeArrayAccessData failed", false, {}},
-      {"SafeArrayUnaccessData", 2, kValue, E_UNEXPECTED, "encryptValue SafeArrayUnaccessData failed", false, {}},
-      {"SafeArrayAccessData", 1, valueBlob, E_UNEXPECTED, "DecryptValue SafeArrayAccessData failed", false, {}},
-      {"SafeArrayUnaccessData", 1, valueBlob, S_OK, "DecryptValue SafeArrayUnaccessData failed", true, {}},
-      {"SafeArrayAccessData", 2, valueBlob, E_UNEXPECTED, "DecryptValue SafeArrayAccessData failed", false, {}},
-      {"SafeArrayUnaccessData", 1, listBlob, E_UNEXPECTED, "DecryptValue SafeArrayUnaccessData failed", true,
-       {"<null>", "<null>"}},  // nothing is put once the running result failed
-      {"SafeArrayPutElement", 2, listBlob, E_UNEXPECTED, "DecryptValue SafeArrayPutElement failed", true,
-       {"a", "<null>"}},
-      {"SafeArrayCreateVector", 1, listBlob, S_OK, "DecryptValue SafeArrayCreateVector failed", true, {}},
+  const struct { const char* op; unsigned nth; SAFEARRAY* input; HRESULT hr; bool written; Strings items; } cases[] = {
+      {"SafeArrayAccessData", 1, kValue, E_UNEXPECTED, false, {}},
+      {"SafeArrayUnaccessData", 1, kValue, S_OK, true, {}},
+      {"SafeArrayCreateVector", 1, kValue, E_INVALIDARG, false, {}},
+      {"SafeArrayAccessData", 2, kValue, E_UNEXPECTED, false, {}},
+      {"SafeArrayUnaccessData", 2, kValue, E_UNEXPECTED, false, {}},
+      {"SafeArrayAccessData", 1, valueBlob, E_UNEXPECTED, false, {}},
+      {"SafeArrayUnaccessData", 1, valueBlob, S_OK, true, {}},
+      {"SafeArrayAccessData", 2, valueBlob, E_UNEXPECTED, false, {}},
+      {"SafeArrayUnaccessData", 1, listBlob, E_UNEXPECTED, true, {"<null>", "<null>"}},  // nothing put after a failure
+      {"SafeArrayPutElement", 2, listBlob, E_UNEXPECTED, true, {"a", "<null>"}},
+      {"SafeArrayCreateVector", 1, listBlob, S_OK, true, {}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.line + " " + std::to_string(c.nth));
+    SCOPED_TRACE(testing::Message() << c.op << " " << c.nth << (c.input == kValue ? " encrypt" : " decrypt"));
     mtest::FaultInjector faults;
-    mtest::LogCapture log;
     const std::string op = c.op;
-    if (op == "SafeArrayCreateVector") {
-      faults.FailWithNull(c.op, c.nth);
-    } else {
-      faults.FailWithCode(c.op, E_UNEXPECTED, c.nth);
-    }
+    op == "SafeArrayCreateVector" ? faults.FailWithNull(c.op, c.nth) : faults.FailWithCode(c.op, E_UNEXPECTED, c.nth);
     SAFEARRAY* out = kUntouched;
     EXPECT_EQ(c.hr, c.input == kValue ? m_Volatile.encryptValue(c.input, out, false)
                                       : m_Volatile.DecryptValue(c.input, out, false));
     EXPECT_EQ(faults.Fired(c.op), 1u);
-    EXPECT_TRUE(log.Contains(1, "CommonCrypto::" + c.line));
     EXPECT_EQ(out != kUntouched, c.written);
     if (c.written) {
       Array result(out);
