@@ -1,5 +1,6 @@
 #include "timer_service.h"
 
+#include <atomic>
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -9,9 +10,13 @@ namespace xk {
 namespace timer {
 namespace {
 
-// True on the service thread only; lets the waits return at once there
-// instead of waiting for the thread itself.
-thread_local bool tOnServiceThread = false;
+// The service thread's id, once it runs; lets the waits return at once there
+// instead of waiting for the thread itself. Not a thread_local: this library
+// is often loaded with dlopen, and LeakSanitizer's thread walk at exit trips
+// over the dynamic TLS block of a thread that a dlopened library started.
+std::atomic<std::thread::id> gServiceThread{std::thread::id()};
+
+bool OnServiceThread() { return gServiceThread.load(std::memory_order_acquire) == std::this_thread::get_id(); }
 
 std::uint64_t MonotonicNow() {
   auto since = std::chrono::steady_clock::now().time_since_epoch();
@@ -78,7 +83,7 @@ bool TimerService::Release(TimerSlot* slot) {
 }
 
 void TimerService::WaitForRunningCallbacks() {
-  if (tOnServiceThread) return;
+  if (OnServiceThread()) return;
   std::unique_lock<std::mutex> lock(m_Mutex);
   m_Idle.wait(lock, [this] { return !m_InCallback; });
 }
@@ -98,7 +103,7 @@ void TimerService::AdvanceManualClock(std::uint64_t nanoseconds) {
   m_ManualNow = nanoseconds > UINT64_MAX - m_ManualNow ? UINT64_MAX : m_ManualNow + nanoseconds;
   // Without a thread nothing is armed; on the service thread the due
   // callbacks run once the current one returns.
-  if (!m_Started || tOnServiceThread) return;
+  if (!m_Started || OnServiceThread()) return;
   std::uint64_t gen = ++m_AdvanceGen;
   m_Wake.notify_one();
   m_Idle.wait(lock, [this, gen] { return m_IdleGen >= gen; });
@@ -117,7 +122,7 @@ unsigned TimerService::ArmedTimerCount() {
 std::uint64_t TimerService::NowLocked() const { return m_Manual ? m_ManualNow : MonotonicNow(); }
 
 void TimerService::Run() {
-  tOnServiceThread = true;
+  gServiceThread.store(std::this_thread::get_id(), std::memory_order_release);
   std::unique_lock<std::mutex> lock(m_Mutex);
   for (;;) {
     if (!m_Queue.empty() && m_Queue.begin()->first <= NowLocked()) {
