@@ -2,8 +2,8 @@
 #define MERROWSTORE_TESTS_SUPPORT_VALUE_SUPPORT_H
 
 // Shared by the library's tests: values in and out of SAFEARRAYs, BSTRs and
-// identifiers, version counters, a scope whose lost allocations are not leaks,
-// and a forked child that reports back.
+// identifiers, items and keys of a tree, version counters, a scope whose lost
+// allocations are not leaks, and a forked child that reports back.
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -148,6 +148,27 @@ inline std::string TakeDescribed(SAFEARRAY* psa) {
   const std::string d = Describe(psa);
   SafeArrayDestroy(psa);
   return d;
+}
+
+// Writes one item, a one-string vector, into a tree.
+inline void Put(CAbstractTree& tree, const std::string& compartment, const std::string& id,
+                const std::string& text = "v") {
+  SAFEARRAY* v = MakeValue({text});
+  EXPECT_EQ(tree.SetData(S(compartment), S(id), v, 0, 0), S_OK);
+  SafeArrayDestroy(v);
+}
+
+// The stored value, empty when GetData fails.
+inline Strings Stored(CAbstractTree& tree, const std::string& compartment, const std::string& id) {
+  SAFEARRAY* psa = nullptr;
+  return tree.GetData(S(compartment), S(id), psa, 0) == S_OK ? Take(psa) : Strings();
+}
+
+// Every key of a tree.
+inline Strings AllKeys(CAbstractTree& tree) {
+  SAFEARRAY* psa = nullptr;
+  EXPECT_EQ(tree.ListAllCompartmentIds(&psa), S_OK);
+  return Take(psa);
 }
 
 // Both counters of a history path.

@@ -1,8 +1,8 @@
 #ifndef MERROWSTORE_TESTS_TREES_TREE_TEST_SUPPORT_H
 #define MERROWSTORE_TESTS_TREES_TREE_TEST_SUPPORT_H
 
-// Shared by the tree tests: writing and reading one item, the full listing,
-// and a private gHistoryTree per test.
+// Shared by the tree tests: IsCompartmentCached's answer and a private
+// gHistoryTree per test.
 
 #include "trees/MemoryTree.h"
 #include "value_support.h"
@@ -10,24 +10,6 @@
 namespace treetest {
 
 using namespace mtest;
-
-inline void Put(CAbstractTree& tree, const std::string& compartment, const std::string& id, const std::string& text = "v") {
-  SAFEARRAY* v = MakeValue({text});
-  EXPECT_EQ(tree.SetData(S(compartment), S(id), v, 0, 0), S_OK);
-  SafeArrayDestroy(v);
-}
-
-// The stored value, empty when GetData fails.
-inline Strings Stored(CAbstractTree& tree, const std::string& compartment, const std::string& id) {
-  SAFEARRAY* psa = nullptr;
-  return tree.GetData(S(compartment), S(id), psa, 0) == S_OK ? Take(psa) : Strings();
-}
-
-inline Strings AllKeys(CAbstractTree& tree) {
-  SAFEARRAY* psa = nullptr;
-  EXPECT_EQ(tree.ListAllCompartmentIds(&psa), S_OK);
-  return Take(psa);
-}
 
 // {compartment version, content version, cached} from IsCompartmentCached;
 // 9 where nothing was written.

@@ -12,15 +12,12 @@ using namespace treetest;
 class VersionHistory : public HistoryTest {};
 
 TEST_F(VersionHistory, CountersStartAtOneWrapAndRiseAlongThePath) {
-  EXPECT_EQ(Versions("T/s"), V(0, 0));
   EXPECT_EQ(UpdateVersion(S("T/s"), 0), S_OK);
   EXPECT_EQ(UpdateVersion(S("T/s"), 0), S_OK);
   EXPECT_EQ(UpdateVersion(S("T/s"), 7), S_OK) << "any non-zero kind is the content counter";
   EXPECT_EQ(Versions("T/s"), V(2, 1));
   EXPECT_EQ(Versions("T"), V(0, 0));
-  SAFEARRAY* top = Make(VT_UINT, {1}, {0xFF, 0xFF, 0xFF, 0xFF});
-  gHistoryTree->SetData(S("W"), S("CompartmentVersion"), top, 0, 0);
-  SafeArrayDestroy(top);
+  gHistoryTree->SetData(S("W"), S("CompartmentVersion"), Array(Make(VT_UINT, {1}, Bytes(4, 0xFF))).get(), 0, 0);
   EXPECT_EQ(UpdateVersion(S("W"), 0), S_OK);
   EXPECT_EQ(Versions("W"), V(0, 0));
 
@@ -37,18 +34,7 @@ TEST_F(VersionHistory, CountersStartAtOneWrapAndRiseAlongThePath) {
   EXPECT_EQ(AllKeys(*gHistoryTree), Strings({"T", "T/S", "T/S/C", "T/S/D", "U", "U/", "U//x", "U//x/"}));
 }
 
-TEST_F(VersionHistory, WithoutHistoryTreeEverythingFailsAndOutputsAreZeroed) {
-  LogCapture log;
-  DropHistory();
-  EXPECT_EQ(UpdateHistoryTree(S("T/S"), -1), E_FAIL);
-  EXPECT_EQ(log.Count("UpdateVersion NULL == gHistoryTree"), 1u) << "the walk stops at the first failure";
-  EXPECT_EQ(UpdateHistoryTree(S("T/S"), 5), S_OK) << "no UpdateVersion ran";
-  V v(9, 9);
-  EXPECT_EQ(GetVersion(S("T"), &v.first, &v.second), E_FAIL);
-  EXPECT_EQ(v, V(0, 0));
-}
-
-TEST_F(VersionHistory, FailedStepsOfUpdateVersion) {
+TEST_F(VersionHistory, FailedStepsOfUpdateVersionAndGetVersion) {
   LeakAllowedScope leaking;  // an array whose destruction fails is lost
   LogCapture log;
   FaultInjector faults;
@@ -77,11 +63,7 @@ TEST_F(VersionHistory, FailedStepsOfUpdateVersion) {
   EXPECT_EQ(UpdateVersion(S("T"), 0), E_UNEXPECTED);
   faults.Reset();
   EXPECT_EQ(Versions("T"), V(3, 0));
-}
 
-TEST_F(VersionHistory, FailedStepsOfGetVersion) {
-  LogCapture log;
-  FaultInjector faults;
   UpdateVersion(S("C"), 1);  // content counter only
   V v(9, 9);
   faults.FailWithNull("SafeArrayCopy");
@@ -99,7 +81,8 @@ TEST_F(VersionHistory, FailedStepsOfGetVersion) {
   EXPECT_EQ(log.Count("GetVersion qxSafeArrayDestroy failed"), 1u);
 }
 
-TEST_F(VersionHistory, IsCompartmentCachedReportsTheTreesVersions) {
+TEST_F(VersionHistory, IsCompartmentCachedReportsTheTreesVersionsAndNothingWorksWithoutHistory) {
+  LogCapture log;
   CMemoryTree tree(S("T"));
   tree.CreateCompartment(S("s/c"), 0);
   UpdateHistoryTree(S("T/s/c"), -1);
@@ -113,6 +96,12 @@ TEST_F(VersionHistory, IsCompartmentCachedReportsTheTreesVersions) {
   EXPECT_EQ(tree.IsCompartmentCached(S("s"), &compartment, nullptr, &cached, 0), E_FAIL);
   DropHistory();
   EXPECT_EQ(Cached(tree, "s/c", E_FAIL), C({9, 9, 9})) << "no output written";
+  EXPECT_EQ(UpdateHistoryTree(S("T/S"), -1), E_FAIL);
+  EXPECT_EQ(log.Count("UpdateVersion NULL == gHistoryTree"), 1u) << "the walk stops at the first failure";
+  EXPECT_EQ(UpdateHistoryTree(S("T/S"), 5), S_OK) << "no UpdateVersion ran";
+  V v(9, 9);
+  EXPECT_EQ(GetVersion(S("T"), &v.first, &v.second), E_FAIL);
+  EXPECT_EQ(v, V(0, 0)) << "GetVersion zeroes its outputs all the same";
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// Data values of the registry tree: every vartype through the stored format and
-// back with the exact bytes other programs see, values written by others, the
-// limits, result codes, failing registry calls, and two processes on one tree.
+// The registry tree: every vartype through the stored format and back with the
+// exact bytes other programs see, values written by others, the limits and
+// result codes; keys made, listed, probed, flushed and removed with their
+// version updates, the one-chain listing of every compartment, the walks' name
+// room; failing registry calls, and two processes on one tree.
 
 #include "trees/RegistryTree.h"
 #include "tree_test_support.h"
@@ -31,7 +33,26 @@ std::pair<unsigned, Bytes> ReadRaw(const std::string& compartment, const std::st
   return {type, bytes};
 }
 
-class RegistryValues : public HistoryTest {
+// Records, in order, each counter write UpdateVersion makes.
+class RecordingHistory : public CMemoryTree {
+ public:
+  RecordingHistory() : CMemoryTree(S("History")) {}
+  HRESULT SetData(const SecureString& sCompartmentId, const SecureString& sDataId, SAFEARRAY* psa, unsigned int p,
+                  signed char e) override {
+    m_Writes.push_back(std::string(sCompartmentId.c_str()) + " " + sDataId.c_str());
+    return CMemoryTree::SetData(sCompartmentId, sDataId, psa, p, e);
+  }
+  Strings m_Writes;
+};
+
+bool KeyExists(const std::string& below) {
+  HKEY h = nullptr;
+  if (xkRegOpenKeyEx(kHive, (kKey + below).c_str(), 0, 0, &h) != 0) return false;
+  xkRegCloseKey(h);
+  return true;
+}
+
+class RegistryTree : public HistoryTest {
  protected:
   HRESULT Set(SAFEARRAY* psa, const std::string& compartment = "s", const std::string& id = "v") {
     HRESULT hr = m_Tree.SetData(S(compartment), S(id), psa, 0, 0);
@@ -48,12 +69,22 @@ class RegistryValues : public HistoryTest {
     EXPECT_EQ(m_Tree.ListDataIds(S(compartment), &psa, 0), S_OK);
     return Take(psa);
   }
+  void Create(const Strings& paths) {
+    for (const std::string& path : paths) ASSERT_EQ(m_Tree.CreateCompartment(S(path), 0), S_OK) << path;
+  }
+  Strings Children(const std::string& id) {
+    SAFEARRAY* psa = nullptr;
+    EXPECT_EQ(m_Tree.ListCompartmentIds(S(id), &psa, 0), S_OK);
+    return Take(psa);
+  }
 
   Sandbox m_Sandbox;
   CRegistryTree m_Tree{S("T"), 0};
 };
 
-TEST_F(RegistryValues, EveryVartypeThroughTheStoredFormat) {
+TEST_F(RegistryTree, EveryVartypeThroughTheStoredFormat) {
+  Bytes stored300{0xBA, 44};  // the length byte keeps the low 8 bits; the reader goes by the size
+  stored300.resize(302, 'k');
   struct Row {
     SAFEARRAY* value;
     std::string back;  // empty: the value itself comes back
@@ -79,6 +110,7 @@ TEST_F(RegistryValues, EveryVartypeThroughTheStoredFormat) {
       {Make(VT_I8, {1}, {0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), "21[1]:fe ff ff ff ff ff ff ff", REG_QWORD,
        {0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
       {Make(VT_UNKNOWN, {0}), "", REG_NONE, {}},
+      {Make(VT_UI1, {300}, Bytes(300, 'k')), "", REG_BINARY, stored300},
   };
   for (Row& row : rows) {
     const std::string expected = row.back.empty() ? Describe(row.value) : row.back;
@@ -89,20 +121,14 @@ TEST_F(RegistryValues, EveryVartypeThroughTheStoredFormat) {
       EXPECT_EQ(ReadRaw("s"), std::make_pair(row.type, row.bytes));
     }
   }
-  // 300 bytes: the length byte keeps its low 8 bits, the reader goes by the size.
-  ASSERT_EQ(Set(Make(VT_UI1, {300}, Bytes(300, 'k'))), S_OK);
-  EXPECT_EQ(Get(), Describe(Array(Make(VT_UI1, {300}, Bytes(300, 'k'))).get()));
-  const Bytes stored = ReadRaw("s").second;
-  ASSERT_EQ(stored.size(), 302u);
-  EXPECT_EQ(Bytes(stored.begin(), stored.begin() + 3), Bytes({0xBA, 44, 'k'}));
 }
 
-TEST_F(RegistryValues, ValuesWrittenByOthers) {
+TEST_F(RegistryTree, ValuesWrittenByOthers) {
   SAFEARRAY* const untouched = reinterpret_cast<SAFEARRAY*>(&m_Tree);
   struct Row {
     unsigned type;
     Bytes bytes;
-    std::string back;  // "untouched": S_OK with the output as it was
+    std::string back;  // "untouched": the output as it was; "failed " before a failure
   } rows[] = {
       {REG_BINARY, {0x42, 1, 2}, "untouched"},          {REG_BINARY, {0xBB, 3, 'x'}, "17[1,4]:03 78 00 00"},
       {REG_BINARY, {0xBB, 1, 'x', 0xBB}, "17[2,2]:01 78 00 00"}, {REG_BINARY, {0xBB, 5}, "17[0,6]:"},
@@ -110,18 +136,15 @@ TEST_F(RegistryValues, ValuesWrittenByOthers) {
       {REG_MULTI_SZ, {'a', 'b'}, "untouched"},          {REG_MULTI_SZ, {'a', 0, 'b', 'c'}, "8[1]:a"},
       {REG_SZ, {}, "8[0]:"},                            {REG_DWORD, {1, 0, 0, 0, 2, 0}, "23[1]:01 00 00 00"},
       {REG_QWORD, {1, 2, 3}, "21[0]:"},                 {REG_NONE, {1, 2, 3, 4, 5}, "13[0]:"},
+      {REG_EXPAND_SZ, {'x'}, "failed untouched"},
   };
   for (Row& row : rows) {
     SCOPED_TRACE(row.back);
     WriteRaw("v", row.type, row.bytes);
     SAFEARRAY* psa = untouched;
-    EXPECT_EQ(m_Tree.GetData(S("s"), S("v"), psa, 0), S_OK);
-    EXPECT_EQ(psa == untouched ? "untouched" : TakeDescribed(psa), row.back);
+    const HRESULT hr = m_Tree.GetData(S("s"), S("v"), psa, 0);
+    EXPECT_EQ((hr == S_OK ? "" : "failed ") + (psa == untouched ? "untouched" : TakeDescribed(psa)), row.back);
   }
-  WriteRaw("v", REG_EXPAND_SZ, {'x'});
-  SAFEARRAY* psa = untouched;
-  EXPECT_EQ(m_Tree.GetData(S("s"), S("v"), psa, 0), E_FAIL);
-  EXPECT_EQ(psa, untouched);
   // The default value (empty name) is listed but never found by name.
   ASSERT_EQ(m_Tree.RemoveData(S("s"), S("v"), 0), S_OK);
   WriteRaw("", REG_SZ, {'d'});
@@ -131,42 +154,33 @@ TEST_F(RegistryValues, ValuesWrittenByOthers) {
   EXPECT_EQ(Ids(), Strings({""}));
 }
 
-TEST_F(RegistryValues, LimitsAndAbsentValues) {
-  LogCapture log;
+TEST_F(RegistryTree, LimitsAndAbsentValues) {
   // The base key and "T\" take 52 characters of the 250; a value name may have 255.
   const std::string path250 = std::string(99, 'a') + "/" + std::string(98, 'b');
   EXPECT_EQ(Set(MakeValue({"x"}), path250), S_OK);
   EXPECT_EQ(Set(MakeValue({"x"}), path250 + "b"), E_INVALIDARG);
-  EXPECT_TRUE(log.Contains(1, "CRegistryTree::SetData length of pSubKey = 251 greater than 250"));
   EXPECT_EQ(Set(MakeValue({"x"}), "s", std::string(255, 'n')), S_OK);
   EXPECT_EQ(Set(MakeValue({"x"}), "s", std::string(256, 'n')), E_INVALIDARG);
   EXPECT_EQ(m_Tree.RemoveData(S("s"), S(std::string(256, 'n')), 0), E_INVALIDARG);
-  const std::string kMB = "SysStringByteLen(pElem) > 1MB";
-  struct Row {
-    SAFEARRAY* value;
-    HRESULT hr;
-    std::string text;  // the refusal's text, after "CRegistryTree::SetData "
-  } rows[] = {
-      {Make(VT_UI1, {1048574}), S_OK, ""},
-      {Make(VT_UI1, {1048575}), E_INVALIDARG, "nSize > 1MB"},
-      {MakeValue({std::string(1048576, 'b')}), S_OK, ""},
-      {MakeValue({std::string(1048577, 'b')}), E_INVALIDARG, kMB},
-      {MakeValue({std::string(524286, 'b'), std::string(524287, 'c')}), S_OK, ""},
-      {MakeValue({std::string(524287, 'b'), std::string(524287, 'c')}), E_INVALIDARG, kMB},
-      {Make(VT_UINT, {262144}), S_OK, ""},
-      {Make(VT_UINT, {262145}), E_INVALIDARG, "dwElemSize*psaDataValue->rgsabound->cElements > 1MB"},
-      {Make(VT_R8, {1}), E_FAIL, "GetRegistryTypeFromSafeArrayType failed"},
+  // Each kind of value at its limit and one past it, then a type with no
+  // registry form.
+  const std::pair<SAFEARRAY*, HRESULT> rows[] = {
+      {Make(VT_UI1, {1048574}), S_OK},
+      {Make(VT_UI1, {1048575}), E_INVALIDARG},
+      {MakeValue({std::string(1048576, 'b')}), S_OK},
+      {MakeValue({std::string(1048577, 'b')}), E_INVALIDARG},
+      {MakeValue({std::string(524286, 'b'), std::string(524287, 'c')}), S_OK},
+      {MakeValue({std::string(524287, 'b'), std::string(524287, 'c')}), E_INVALIDARG},
+      {Make(VT_UINT, {262144}), S_OK},
+      {Make(VT_UINT, {262145}), E_INVALIDARG},
+      {Make(VT_R8, {1}), E_FAIL},
   };
   int n = 0;
-  for (Row& row : rows) {
+  for (const auto& [value, hr] : rows) {
     const std::string compartment = "big" + std::to_string(n++);
-    SCOPED_TRACE(compartment);
-    EXPECT_EQ(Set(row.value, compartment), row.hr);
-    if (!row.text.empty()) {
-      EXPECT_TRUE(log.Contains(1, "CRegistryTree::SetData " + row.text));
-    }
+    EXPECT_EQ(Set(value, compartment), hr) << compartment;
     // A refused value leaves its key created and empty.
-    EXPECT_EQ(Ids(compartment).size(), row.hr == S_OK ? 1u : 0u);
+    EXPECT_EQ(Ids(compartment).size(), hr == S_OK ? 1u : 0u) << compartment;
   }
   for (const char* compartment : {"big0", "big2", "big4"}) EXPECT_EQ(ReadRaw(compartment).second.size(), 1048576u);
 
@@ -186,21 +200,21 @@ TEST_F(RegistryValues, LimitsAndAbsentValues) {
   }
 }
 
-TEST_F(RegistryValues, FailingRegistryCalls) {
+TEST_F(RegistryTree, FailingRegistryCallsOnValues) {
   FaultInjector faults;
   SAFEARRAY* const untouched = reinterpret_cast<SAFEARRAY*>(&m_Tree);
   ASSERT_EQ(Set(MakeValue({"ab", "c"})), S_OK);
   signed char cached = 9;
   SAFEARRAY* psa = untouched;
-  for (unsigned pass : {1u, 2u}) {
-    faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, pass);
-    EXPECT_EQ(m_Tree.GetData(S("s"), S("v"), psa, 0), E_INVALIDARG) << pass;
-    faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, pass);
-    EXPECT_EQ(m_Tree.IsDataCached(S("s"), S("v"), &cached, 0), S_OK) << pass;
-    EXPECT_EQ(cached, 0);
-    faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, pass);
-    EXPECT_EQ(m_Tree.ListDataIds(S("s"), &psa, 0), E_FAIL) << pass;
-  }
+  // The listing of value names counts, then fetches; either failing fails
+  // the lookup.
+  faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, 1);
+  EXPECT_EQ(m_Tree.GetData(S("s"), S("v"), psa, 0), E_INVALIDARG);
+  faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, 2);
+  EXPECT_EQ(m_Tree.IsDataCached(S("s"), S("v"), &cached, 0), S_OK);
+  EXPECT_EQ(cached, 0);
+  faults.FailWithCode("qxRegListValueNamesEx", ERROR_REGISTRY_IO_FAILED, 2);
+  EXPECT_EQ(m_Tree.ListDataIds(S("s"), &psa, 0), E_FAIL);
   // The first read fails the lookup; a failed second read finds the value and
   // gives no array.
   faults.FailWithCode("qxRegReadValueEx", ERROR_REGISTRY_IO_FAILED, 1);
@@ -233,7 +247,7 @@ TEST_F(RegistryValues, FailingRegistryCalls) {
   EXPECT_EQ(psa, nullptr);
 }
 
-TEST_F(RegistryValues, TwoProcessesShareOneTreeId) {
+TEST_F(RegistryTree, TwoProcessesShareOneTreeId) {
   ASSERT_EQ(Set(MakeValue({"parent"}), "s", "first"), S_OK);
   int go[2];
   ASSERT_EQ(pipe(go), 0);
@@ -261,6 +275,104 @@ TEST_F(RegistryValues, TwoProcessesShareOneTreeId) {
   EXPECT_EQ(Get("child19"), "8[1]:c");
   close(go[0]);
   close(go[1]);
+}
+
+TEST_F(RegistryTree, CreateListProbeAndFlush) {
+  SAFEARRAY* psa = nullptr;
+  EXPECT_EQ(m_Tree.ListCompartmentIds(S("/"), &psa, 0), E_FAIL) << "never created";
+  EXPECT_EQ(m_Tree.ListAllCompartmentIds(&psa), E_FAIL);
+  EXPECT_EQ(psa, nullptr);
+  Create({"s/a/b", "s/a/b", "s/Z", "s/B"});
+  EXPECT_EQ(Children("/"), Strings({"s"}));
+  EXPECT_EQ(Children("s"), Strings({"B", "Z", "a"})) << "byte order";
+  EXPECT_EQ(Children("s/a/b"), Strings()) << "a leaf lists a zero-element vector";
+  EXPECT_EQ(m_Tree.ListCompartmentIds(S("s"), nullptr, 0), E_FAIL);
+  // The full listing follows the first child of each key; a child that can't
+  // be opened is asked for again.
+  Create({"s/B/x/deep"});
+  FaultInjector faults;
+  faults.FailWithCode("xkRegOpenKeyEx", ERROR_REGISTRY_IO_FAILED, 3);
+  EXPECT_EQ(AllKeys(m_Tree), Strings({"T", "T/s", "T/s/B", "T/s/B/x", "T/s/B/x/deep"}));
+  EXPECT_EQ(faults.Fired("xkRegOpenKeyEx"), 1u);
+  EXPECT_EQ(m_Tree.ListAllCompartmentIds(nullptr), E_FAIL);
+
+  UpdateHistoryTree(S("T/s/a"), -1);
+  EXPECT_EQ(Cached(m_Tree, "/"), C({1, 1, 1})) << "the tree's key exists";
+  EXPECT_EQ(Cached(m_Tree, "s/a"), C({1, 1, 1}));
+  EXPECT_EQ(Cached(m_Tree, "s/a/b"), C({0, 0, 1}));
+  EXPECT_EQ(Cached(m_Tree, "q"), C({0, 0, 0}));
+  unsigned long v = 9;
+  EXPECT_EQ(m_Tree.IsCompartmentCached(S("s"), &v, &v, nullptr, 0), E_FAIL);
+
+  EXPECT_EQ(m_Tree.FlushTree(0), S_OK);
+  EXPECT_EQ(Cached(m_Tree, "/"), C({1, 1, 0})) << "versions outlive the keys";
+  EXPECT_EQ(m_Tree.FlushTree(0), E_FAIL);
+}
+
+TEST_F(RegistryTree, RemovalRaisesDescendantsDeepestFirst) {
+  LogCapture log;
+  RecordingHistory* history = new RecordingHistory;
+  DropHistory();
+  gHistoryTree = history;
+  Create({"a/b/c", "a/d", "ab", "z"});
+  Put(m_Tree, "a/b", "v");
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
+  EXPECT_EQ(history->m_Writes, Strings({"T/a/b/c CompartmentVersion", "T/a/b/c ContentVersion",
+                                        "T/a/b CompartmentVersion", "T/a/b ContentVersion",
+                                        "T/a/d CompartmentVersion", "T/a/d ContentVersion"}));
+  EXPECT_EQ(Children("/"), Strings({"ab", "z"}));
+  history->m_Writes.clear();
+  Create({"q/r"});
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("q"), 0, 0), S_OK);
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("z"), 1, 0), S_OK);
+  EXPECT_EQ(history->m_Writes, Strings()) << "no flag, or no descendant: no counter";
+  EXPECT_EQ(Children("/"), Strings({"ab"}));
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("q"), 1, 0), E_INVALIDARG);
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("5//"), 1, 0), E_INVALIDARG) << "the registry refuses empty components";
+  // Without a history the removal still happens; each failed update is a detail.
+  DropHistory();
+  Create({"ab/c"});
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("ab"), 1, 0), S_OK);
+  EXPECT_EQ(log.Count("CRegistryTree::RegDelTree UpdateVersion failed hr = 80004005"), 2u);
+  EXPECT_FALSE(KeyExists("\\ab"));
+  // A child's name must fit the walk's work buffer: "<base>T\p\" is 54
+  // characters, so a name may have 251 - 54 - 2.
+  for (std::size_t length : {195u, 196u}) {
+    HKEY h = nullptr;
+    ASSERT_EQ(xkRegCreateKeyEx(kHive, (kKey + "\\p\\" + std::string(length, 'n')).c_str(), 0, nullptr, 0, 3, nullptr,
+                               &h, nullptr),
+              0);
+    xkRegCloseKey(h);
+    EXPECT_EQ(m_Tree.RemoveCompartment(S("p"), 1, 0), S_OK) << length;
+    EXPECT_EQ(KeyExists("\\p"), length == 196u) << length;
+  }
+}
+
+TEST_F(RegistryTree, FailingRegistryCallsOnKeys) {
+  FaultInjector faults;
+  Create({"a/b/c"});
+  // Deletions that fail leave the keys and still report success.
+  faults.FailWithCode("qxRegDeleteKey", ERROR_REGISTRY_IO_FAILED, 1, true);
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
+  faults.Reset();
+  faults.FailWithCode("xkRegEnumKeyEx", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
+  EXPECT_TRUE(KeyExists("\\a\\b\\c"));
+  faults.FailWithCode("xkRegOpenKeyEx", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), E_INVALIDARG);
+
+  SAFEARRAY* psa = nullptr;
+  faults.FailWithCode("qxRegListKeys", ERROR_REGISTRY_IO_FAILED, 2);
+  EXPECT_EQ(m_Tree.ListCompartmentIds(S("a"), &psa, 0), E_FAIL);
+  faults.FailWithCode("xkRegCreateKeyEx", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(m_Tree.CreateCompartment(S("n"), 0), E_FAIL);
+
+  faults.FailWithCode("xkRegCloseKey", ERROR_REGISTRY_IO_FAILED);
+  EXPECT_EQ(Cached(m_Tree, "a", E_FAIL), C({0, 0, 1})) << "written, then the close fails";
+  faults.FailWithNull("SysAllocString");
+  EXPECT_EQ(Cached(m_Tree, "a"), C({0, 0, 0})) << "no path: zeros and success";
+  DropHistory();
+  EXPECT_EQ(Cached(m_Tree, "a", E_FAIL), C({9, 9, 9}));
 }
 
 }  // namespace
