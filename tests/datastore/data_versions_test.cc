@@ -26,7 +26,7 @@ class DataVersions : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(DataVersions, WritesRemovalsCreationsAndTouchesMoveTheirCounters) {
+TEST_F(DataVersions, EachEventMovesItsCountersAndARemovalKeepsOrForgetsThem) {
   ASSERT_EQ(Set("a/b"), S_OK);  // a new compartment: both counters of every level
   for (const char* level : {"", "a", "a/b"}) EXPECT_EQ(At(level), V(1, 1)) << level;
   ASSERT_EQ(Set("a/b"), S_OK);  // an existing one: the content counters only
@@ -49,29 +49,18 @@ TEST_F(DataVersions, WritesRemovalsCreationsAndTouchesMoveTheirCounters) {
   V store;
   EXPECT_EQ(Cached("/", &store), 0);  // "/" is the store itself, and no compartment
   EXPECT_EQ(store, At(""));
-}
 
-TEST_F(DataVersions, RemovalAndFlushKeepOrForgetTheHistory) {
-  ASSERT_EQ(Set("a/b/c"), S_OK);
-  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("a/b"), 0), S_OK);
-  EXPECT_EQ(Cached("a/b") + Cached("a/b/c"), 0);
-  EXPECT_EQ(Cached("a"), 1);
-  EXPECT_EQ(At("a/b"), V(2, 2));    // by the store, along the path
-  EXPECT_EQ(At("a/b/c"), V(2, 2));  // by the tree, for the descendant
-  ASSERT_EQ(Set("a/b/c"), S_OK);
-  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("a/b"), 1), S_OK);
-  EXPECT_EQ(At("a/b"), V(0, 0));
-  EXPECT_EQ(At("a/b/c"), V(0, 0));
-  ASSERT_EQ(Set("a/b"), S_OK);
-  EXPECT_EQ(At("a/b"), V(1, 1));  // counts anew
-
-  // A flush forgets the whole store and nothing else.
-  ASSERT_EQ(Register(m_Id + "-other", 1), S_OK);
-  ASSERT_EQ(m_Client.TouchCompartment(Bstr(m_Id + "-other"), Bstr("a")), S_OK);
-  EXPECT_EQ(m_Client.FlushStore(Bstr(m_Id)), S_OK);
-  EXPECT_EQ(At(""), V(0, 0));
-  EXPECT_EQ(At("a/b"), V(0, 0));
-  EXPECT_EQ(Cached("a"), 0);
-  EXPECT_EQ(Versions(m_Id + "-other/a"), V(1, 1));
-  EXPECT_EQ(m_Client.FlushStore(Bstr(m_Id)), S_OK);  // no history left to remove
+  // A removal raises the counters or, asked to, forgets them.
+  ASSERT_EQ(Set("r/b/c"), S_OK);
+  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("r/b"), 0), S_OK);
+  EXPECT_EQ(Cached("r/b") + Cached("r/b/c"), 0);
+  EXPECT_EQ(Cached("r"), 1);
+  EXPECT_EQ(At("r/b"), V(2, 2));    // by the store, along the path
+  EXPECT_EQ(At("r/b/c"), V(2, 2));  // by the tree, for the descendant
+  ASSERT_EQ(Set("r/b/c"), S_OK);
+  EXPECT_EQ(m_Client.RemoveCompartment(Bstr(m_Id), Bstr("r/b"), 1), S_OK);
+  EXPECT_EQ(At("r/b"), V(0, 0));
+  EXPECT_EQ(At("r/b/c"), V(0, 0));
+  ASSERT_EQ(Set("r/b"), S_OK);
+  EXPECT_EQ(At("r/b"), V(1, 1));  // counts anew
 }

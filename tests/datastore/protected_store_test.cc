@@ -3,6 +3,7 @@
 // recovery. Values that outlive a process are in remanent_store_process_test.
 
 #include <filesystem>
+#include <typeinfo>
 
 #include "datastore_test_support.h"
 #include "trees/MemoryTree.h"
@@ -28,38 +29,32 @@ TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
     signed char encrypted;
     bool keyFile;
     HRESULT hr;
-    const char* tree;  // "memory", "registry" or "none"
-    const char* key;   // "volatile", "persistent" or "none"
+    std::string kinds;  // the tree ("memory", "registry", "none") and the key ("volatile", "persistent", "none")
   };
   const Row rows[] = {
-      {0, 0, false, S_OK, "memory", "none"},     {0, 1, false, S_OK, "memory", "volatile"},
-      {1, 0, false, S_OK, "registry", "none"},   {1, 1, false, E_FAIL, "none", "none"},
-      {1, 1, true, S_OK, "registry", "persistent"}, {2, 1, false, E_FAIL, "none", "none"},
-      {2, 1, true, S_OK, "memory", "persistent"},
+      {0, 0, false, S_OK, "memory none"},     {0, 1, false, S_OK, "memory volatile"},
+      {1, 0, false, S_OK, "registry none"},   {1, 1, false, E_FAIL, "none none"},
+      {1, 1, true, S_OK, "registry persistent"}, {2, 1, false, E_FAIL, "none none"},
+      {2, 1, true, S_OK, "memory persistent"},
   };
   for (const Row& row : rows) {
-    const std::string what = std::to_string(row.type) + "/" + std::to_string(row.encrypted) + "/" +
-                             std::to_string(row.keyFile);
+    const std::string what = std::to_string(&row - rows);
+    SCOPED_TRACE("row " + what);
     std::filesystem::remove(sandbox.KeyFilePath());
     if (row.keyFile) sandbox.WriteKeyFile(KeyFile(1));
     CInternalDataStore store;
     LogCapture log;
-    EXPECT_EQ(store.Begin(Bstr(StoreId(what)), static_cast<QX::DataStore::Type>(row.type), row.encrypted, 1,
-                          S("P")),
-              row.hr)
-        << what;
+    const auto eType = static_cast<QX::DataStore::Type>(row.type);
+    EXPECT_EQ(store.Begin(Bstr(StoreId(what)), eType, row.encrypted, 1, S("P")), row.hr);
     CAbstractTree* tree = CInternalDataStoreTestPeer::Tree(store);
-    const std::string treeKind = tree == nullptr                             ? "none"
-                                 : dynamic_cast<CMemoryTree*>(tree) != nullptr   ? "memory"
-                                 : dynamic_cast<CRegistryTree*>(tree) != nullptr ? "registry"
-                                                                                 : "other";
-    EXPECT_EQ(treeKind, row.tree) << what;
     const CommonCrypto& crypto = CInternalDataStoreTestPeer::Crypto(store);
-    const std::string keyKind = crypto.VolatileKey() != nullptr     ? "volatile"
-                                : crypto.PersistentKey() != nullptr ? "persistent"
-                                                                    : "none";
-    EXPECT_EQ(keyKind, row.key) << what;
-    EXPECT_EQ(log.Contains(1, "CInternalDataStore::Begin GetPINCachingMode failed"), FAILED(row.hr)) << what;
+    const char* treeKind = tree == nullptr                          ? "none"
+                           : typeid(*tree) == typeid(CMemoryTree)   ? "memory"
+                           : typeid(*tree) == typeid(CRegistryTree) ? "registry"
+                                                                    : "other";
+    const char* keyKind = crypto.VolatileKey() ? "volatile" : crypto.PersistentKey() ? "persistent" : "none";
+    EXPECT_EQ(std::string(treeKind) + " " + keyKind, row.kinds);
+    EXPECT_EQ(log.Contains(1, "CInternalDataStore::Begin GetPINCachingMode failed"), FAILED(row.hr));
     store.End();
   }
 
@@ -76,7 +71,6 @@ TEST(ProtectedStore, AnEncryptedStoreHoldsOnlyCiphertextAndHandsBackTheClearValu
   const std::string id = StoreId();
   ASSERT_EQ(Register(id, 1, "P", QX::DataStore::TypeMemory, 1), S_OK);
   ASSERT_EQ(Write(id, "s/c", "item", {"alpha", "beta"}), S_OK);
-  EXPECT_EQ(Versions(id + "/s/c"), V(1, 1));
 
   // The tree holds a blob that the store's own key turns back into the value.
   SAFEARRAY* stored = Raw(id, "s/c", "item");
@@ -89,26 +83,20 @@ TEST(ProtectedStore, AnEncryptedStoreHoldsOnlyCiphertextAndHandsBackTheClearValu
   EXPECT_EQ(blob.find("alpha"), std::string::npos);
 
   EXPECT_EQ(Read(id, "s/c", "item"), (Strings{"alpha", "beta"}));
-  CStaticDataCacheClient client;
 
   // A blob that does not decrypt fails even the test of existence, and stays.
   SAFEARRAY* garbage = SafeArrayCreateVector(VT_UI1, 0, 16);
   ASSERT_EQ(CInternalDataStoreTestPeer::Tree(*Store(id))->SetData(S("s/c"), S("bad"), garbage, 0, 1), S_OK);
   SafeArrayDestroy(garbage);
-  LogCapture log;
-  EXPECT_EQ(client.GetData(Bstr(id), Bstr("s/c"), Bstr("bad"), nullptr), E_FAIL);
+  EXPECT_EQ(CStaticDataCacheClient().GetData(Bstr(id), Bstr("s/c"), Bstr("bad"), nullptr), E_FAIL);
   EXPECT_EQ(TakeBytes(Raw(id, "s/c", "bad")), std::string(16, '\0'));
 
-  // A store that is not shared has already encrypted its copy when it refuses.
+  // A store that is not shared encrypts its copy before it refuses: a failed
+  // encryption is the answer.
   ASSERT_EQ(Register(id + "U", 0, "P", QX::DataStore::TypeMemory, 1), S_OK);
-  log.Clear();
-  EXPECT_EQ(Write(id + "U", "c", "d", {"v"}), E_FAIL);
-  std::vector<std::string> order;
-  for (const auto& e : log.Entries()) {
-    if (e.text == "CommonCrypto::encryptValue") order.push_back("encrypt");
-    if (e.text.find("SetData Shared between user sessions") != std::string::npos) order.push_back("refuse");
-  }
-  EXPECT_EQ(order, (Strings{"encrypt", "refuse"}));
+  FaultInjector faults;
+  faults.FailWithThrow("Cipher::DoFinal", 4000);
+  EXPECT_EQ(Write(id + "U", "c", "d", {"v"}), E_INVALIDARG);
 }
 
 TEST(ProtectedStore, FailedProtectionOrRecoveryFailsTheCallAndKeepsTheData) {
@@ -120,18 +108,15 @@ TEST(ProtectedStore, FailedProtectionOrRecoveryFailsTheCallAndKeepsTheData) {
     ASSERT_EQ(Register(sid, 1, "P", eType, 1), S_OK);
     ASSERT_EQ(Write(sid, "c", "d", {"old"}), S_OK);
     const V versions = Versions(sid + "/c");
-    LogCapture log;
     FaultInjector faults;
     // The cryptography library's invalid argument maps to E_INVALIDARG, all else to E_FAIL.
     for (const auto& [code, hr] : {std::pair<unsigned, HRESULT>{4003, E_FAIL}, {4000, E_INVALIDARG}}) {
       faults.FailWithThrow("Cipher::DoFinal", code);
       EXPECT_EQ(Write(sid, "c", "d", {"new"}), hr) << sid;
-      EXPECT_EQ(faults.Fired("Cipher::DoFinal"), 1u);
       faults.Reset();
     }
     faults.FailWithThrow("Cipher::DoFinal", 4003);
     EXPECT_EQ(Read(sid, "c", "d", E_FAIL), Strings{"<no array>"});
-    EXPECT_TRUE(log.Contains(1, "CInternalDataStore::GetData DecryptValue failed"));
     EXPECT_EQ(Read(sid, "c", "d"), Strings{"old"});
     EXPECT_EQ(Versions(sid + "/c"), versions);
 
