@@ -209,14 +209,14 @@ TEST_F(AuthStoreTest, RemovalForms) {
   // FlushStore with parameters deletes every timer; the PIN session ids stay.
   EXPECT_EQ(store->FlushStore(kMe, none), S_OK);
   EXPECT_EQ(Peer::Timers(*store), 0u);
-  EXPECT_TRUE(Paths(*store).empty());
+  EXPECT_TRUE(mtest::AllKeys(*Peer::Tree(*store)).empty());
   EXPECT_FALSE(Peer::PINSessionIds(*store).empty());
   Array odd(SafeArrayCreateVector(VT_BSTR, 0, 1));
   Set(*store, kMe, "c", "p", "1");
   EXPECT_EQ(store->FlushStore(kMe, odd), DISP_E_BADINDEX);  // an odd count does not parse: nothing goes
   EXPECT_EQ(Item(*store, kMySession + "/c/p/" + Dec(kMe), "PINValue"), "1");
   EXPECT_EQ(store->FlushStore(kMe), S_OK);
-  EXPECT_TRUE(Paths(*store).empty());
+  EXPECT_TRUE(mtest::AllKeys(*Peer::Tree(*store)).empty());
   EXPECT_EQ(Peer::Timers(*store), 1u);
 }
 

@@ -91,12 +91,6 @@ inline std::string Item(CInternalAuthStore& store, const std::string& path, cons
   return Take(psa);
 }
 
-// Every compartment of the store's tree.
-inline mtest::Strings Paths(CInternalAuthStore& store) {
-  SAFEARRAY* psa = nullptr;
-  return Peer::Tree(store)->ListAllCompartmentIds(&psa) == S_OK && psa ? mtest::Take(psa) : mtest::Strings{};
-}
-
 inline void SetSetting(const char* name, std::int64_t value) {
   ASSERT_EQ(xk::settings::SetSettingValue(S(name), QX::Framework::XKData(value)), S_OK);
 }
