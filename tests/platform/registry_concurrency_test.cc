@@ -22,15 +22,9 @@ TEST_F(RegistryConcurrencyTest, ThreadsShareHandlesAndLoseNoWrite) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kValues; ++i) {
         // Each thread also opens and closes handles of its own meanwhile.
-        std::string sub = "T\\t" + std::to_string(t);
-        HKEY own = nullptr;
-        std::string name = std::to_string(t) + "_" + std::to_string(i);
-        if (xkRegCreateKeyEx(kHklm, sub.c_str(), 0, nullptr, 0, 3, nullptr, &own, nullptr) != ERROR_SUCCESS ||
-            xkRegSetValueEx(shared, name.c_str(), 0, REG_DWORD, reinterpret_cast<const unsigned char*>(&i),
-                            sizeof i) != ERROR_SUCCESS ||
-            xkRegCloseKey(own) != ERROR_SUCCESS) {
-          ++failures[t];
-        }
+        HKEY own = Create(("T\\t" + std::to_string(t)).c_str());
+        const std::string name = std::to_string(t) + "_" + std::to_string(i), bytes(reinterpret_cast<char*>(&i), sizeof i);
+        failures[t] += Set(shared, name.c_str(), bytes, REG_DWORD) != ERROR_SUCCESS || xkRegCloseKey(own) != ERROR_SUCCESS;
       }
     });
   }

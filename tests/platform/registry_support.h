@@ -50,25 +50,26 @@ inline std::string Read(const char* path, const char* name, HKEY hive = kHklm) {
   return buffer;
 }
 
-// The names of the key's values of the types in `mask`, in listing order.
-inline std::vector<std::string> ValueNames(const char* path, unsigned int mask = 0xFFFFFFFF) {
+// The names a two-pass listing gives, in its order: `list(nullptr, &count)`
+// for the count, then `list(records, &count)`.
+template <typename Record, typename List>
+std::vector<std::string> Listed(List list) {
   unsigned int count = 0;
-  EXPECT_EQ(qxRegListValueNamesEx(kHklm, path, nullptr, &count, mask, 0), ERROR_SUCCESS) << path;
-  std::vector<qxRegValue_> records(count);
-  EXPECT_EQ(qxRegListValueNamesEx(kHklm, path, records.data(), &count, mask, 0), ERROR_SUCCESS) << path;
+  EXPECT_EQ(list(nullptr, &count), ERROR_SUCCESS);
+  std::vector<Record> records(count);
+  EXPECT_EQ(list(records.data(), &count), ERROR_SUCCESS);
   std::vector<std::string> names;
-  for (const qxRegValue_& record : records) names.emplace_back(record.szName);
+  for (const Record& record : records) names.emplace_back(record.szName);
   return names;
 }
 
+// The names of the key's values of the types in `mask`, and of its subkeys.
+inline std::vector<std::string> ValueNames(const char* path, unsigned int mask = 0xFFFFFFFF) {
+  return Listed<qxRegValue_>(
+      [&](qxRegValue_* r, unsigned int* n) { return qxRegListValueNamesEx(kHklm, path, r, n, mask, 0); });
+}
 inline std::vector<std::string> SubKeys(const char* path) {
-  unsigned int count = 0;
-  EXPECT_EQ(qxRegListKeys(kHklm, path, nullptr, &count), ERROR_SUCCESS) << path;
-  std::vector<qxRegKey_> records(count);
-  EXPECT_EQ(qxRegListKeys(kHklm, path, records.data(), &count), ERROR_SUCCESS) << path;
-  std::vector<std::string> names;
-  for (const qxRegKey_& record : records) names.emplace_back(record.szName);
-  return names;
+  return Listed<qxRegKey_>([&](qxRegKey_* r, unsigned int* n) { return qxRegListKeys(kHklm, path, r, n); });
 }
 
 inline bool Exists(const char* path) {
