@@ -218,25 +218,6 @@ TEST(SafeArray, LockCountingGuardsDestroyOnly) {
   EXPECT_HR(S_OK, SafeArrayDestroy(psa));
 }
 
-TEST(SafeArray, ZeroElementArraysAreUsable) {
-  SAFEARRAYBOUND noRows[2] = {{5, 0}, {0, 0}};  // a registry value with no records
-  for (SAFEARRAY* psa : {SafeArrayCreateVector(VT_BSTR, 0, 0), SafeArrayCreate(VT_UI1, 2, noRows)}) {
-    ASSERT_NE(psa, nullptr);
-    EXPECT_EQ(psa->rgsabound[0].cElements, 0u);
-    long upper = 0;
-    EXPECT_HR(S_OK, SafeArrayGetUBound(psa, psa->cDims, &upper));
-    EXPECT_EQ(upper, -1);
-    void* data = nullptr;
-    EXPECT_HR(S_OK, SafeArrayAccessData(psa, &data));
-    EXPECT_NE(data, nullptr);
-    EXPECT_HR(S_OK, SafeArrayUnaccessData(psa));
-    SAFEARRAY* copy = nullptr;
-    EXPECT_HR(S_OK, SafeArrayCopy(psa, &copy));
-    EXPECT_HR(S_OK, SafeArrayDestroy(copy));
-    EXPECT_HR(S_OK, SafeArrayDestroy(psa));
-  }
-}
-
 constexpr long kArmedCode = static_cast<long>(0x8000CAFEu);
 
 // One representative of each shape of function, reduced to a number: each

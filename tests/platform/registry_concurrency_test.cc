@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "registry_support.h"
+#include "../support/registry_support.h"
 
 namespace {
 

@@ -1,8 +1,9 @@
 // The registry file as other processes see it: a batch's writes reach the
 // file together at the batch's outermost end, writers in two processes lose
-// nothing, and a writer killed while it writes leaves every committed value
-// whole. A second SQLite connection on the file stands for another process
-// where that process would only read or write a row.
+// nothing (also in batches that read before they write), and a writer killed
+// while it writes leaves every committed value whole. A second SQLite
+// connection on the file stands for another process where that process would
+// only read or write a row.
 
 #include <signal.h>
 #include <sqlite3.h>
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "registry_support.h"
+#include "../support/registry_support.h"
 
 namespace {
 
@@ -171,7 +172,11 @@ TEST_F(RegistryProcessTest, TwoProcessesWriteOneKeyAtOnce) {
       if (read(go[0], &byte, 1) != 1) _exit(2);
       for (int i = 0; i < kValues; ++i) {
         const std::string name = "c" + std::to_string(c) + "_" + std::to_string(i);
-        if (Set(m_Key, name.c_str(), name) != ERROR_SUCCESS || Set(m_Key, "shared", name) != ERROR_SUCCESS) _exit(1);
+        xk::registry::Batch batch(XK_REG_BATCH_WRITE);  // reads, then writes on what it read
+        Read("B", "shared");
+        if (Set(m_Key, name.c_str(), name) != ERROR_SUCCESS || Set(m_Key, "shared", name) != ERROR_SUCCESS ||
+            batch.Commit() != ERROR_SUCCESS)
+          _exit(1);
       }
       _exit(0);
     }

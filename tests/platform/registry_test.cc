@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "registry_support.h"
+#include "../support/registry_support.h"
 
 namespace {
 

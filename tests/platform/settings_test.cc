@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "registry_support.h"
+#include "../support/registry_support.h"
 #include "xk/settings.h"
 
 using QX::Framework::XKData;

@@ -6,31 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "xk/fault_point.h"
 #include "xk/testsupport.h"
-
-using xk::fault::Kind;
-
-TEST(FaultInjector, CountsDownToTheNthCallOnceOrPersistently) {
-  xk::test::FaultInjector faults;
-  // The kinds of the next `n` checks of "Op", one digit each (0: nothing),
-  // then how many times it has fired.
-  const auto next = [&faults](int n) {
-    std::string kinds;
-    for (int i = 0; i < n; ++i) kinds += static_cast<char>('0' + static_cast<int>(xk::fault::Check("Op").kind));
-    return kinds + " fired " + std::to_string(faults.Fired("Op"));
-  };
-  EXPECT_EQ(next(1), "0 fired 0");
-  faults.FailWithCode("Op", 42, 3);
-  EXPECT_EQ(xk::fault::Check("Other").kind, Kind::kNone);
-  EXPECT_EQ(next(2), "00 fired 0");
-  EXPECT_EQ(xk::fault::Check("Op").code, 42);
-  EXPECT_EQ(next(2), "00 fired 1");
-  faults.FailWithNull("Op", 2, /*persistent=*/true);
-  EXPECT_EQ(next(4), "0222 fired 3");
-  faults.Reset();
-  EXPECT_EQ(next(1), "0 fired 0");
-}
 
 // The first byte of what opens at the fixed key file path; -1 if nothing does.
 static int FirstKeyFileByte() {

@@ -1,8 +1,8 @@
-// Shared by the registry and settings tests: a private registry file for each
-// test, and keys and values by path below HKEY_LOCAL_MACHINE.
+// Shared by the registry, settings and library tests: a private registry file
+// for each test, and keys and values by path below HKEY_LOCAL_MACHINE.
 
-#ifndef TESTS_PLATFORM_REGISTRY_SUPPORT_H
-#define TESTS_PLATFORM_REGISTRY_SUPPORT_H
+#ifndef TESTS_SUPPORT_REGISTRY_SUPPORT_H
+#define TESTS_SUPPORT_REGISTRY_SUPPORT_H
 
 #include <gtest/gtest.h>
 
