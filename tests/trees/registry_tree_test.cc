@@ -2,34 +2,30 @@
 // exact bytes other programs see, values written by others, the limits and
 // result codes; keys made, listed, probed, flushed and removed with their
 // version updates, the one-chain listing of every compartment, the walks' name
-// room; failing registry calls, and two processes on one tree.
+// room; failing registry calls.
 
 #include "trees/RegistryTree.h"
+#include "registry_support.h"
 #include "tree_test_support.h"
-#include "xk/registry.h"
 
 namespace {
 
 using namespace treetest;
 
-const char kHive[] = "HKEY_LOCAL_MACHINE";
 const std::string kKey = "Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\T";
 const unsigned kAnyType = 99;  // the stored bytes are not checked
 
 void WriteRaw(const std::string& name, unsigned type, const Bytes& bytes) {
-  HKEY h = nullptr;
-  ASSERT_EQ(xkRegCreateKeyEx(kHive, (kKey + "\\s").c_str(), 0, nullptr, 0, 3, nullptr, &h, nullptr), 0);
-  EXPECT_EQ(xkRegSetValueEx(h, name.c_str(), 0, type, bytes.data(), bytes.size()), 0);
-  xkRegCloseKey(h);
+  regtest::Put((kKey + "\\s").c_str(), name.c_str(), std::string(bytes.begin(), bytes.end()), type);
 }
 
 // Type and bytes of a stored value; type 99 when it is absent.
 std::pair<unsigned, Bytes> ReadRaw(const std::string& compartment, const std::string& name = "v") {
   const std::string path = kKey + "\\" + compartment;
   unsigned type = 99, size = 0;
-  if (qxRegReadValueEx(kHive, path.c_str(), name.c_str(), &type, nullptr, &size, 0) != 0) return {99, {}};
+  if (qxRegReadValueEx(regtest::kHklm, path.c_str(), name.c_str(), &type, nullptr, &size, 0) != 0) return {99, {}};
   Bytes bytes(size);
-  qxRegReadValueEx(kHive, path.c_str(), name.c_str(), &type, bytes.data(), &size, 0);
+  qxRegReadValueEx(regtest::kHklm, path.c_str(), name.c_str(), &type, bytes.data(), &size, 0);
   return {type, bytes};
 }
 
@@ -44,13 +40,6 @@ class RecordingHistory : public CMemoryTree {
   }
   Strings m_Writes;
 };
-
-bool KeyExists(const std::string& below) {
-  HKEY h = nullptr;
-  if (xkRegOpenKeyEx(kHive, (kKey + below).c_str(), 0, 0, &h) != 0) return false;
-  xkRegCloseKey(h);
-  return true;
-}
 
 class RegistryTree : public HistoryTest {
  protected:
@@ -247,36 +236,6 @@ TEST_F(RegistryTree, FailingRegistryCallsOnValues) {
   EXPECT_EQ(psa, nullptr);
 }
 
-TEST_F(RegistryTree, TwoProcessesShareOneTreeId) {
-  ASSERT_EQ(Set(MakeValue({"parent"}), "s", "first"), S_OK);
-  int go[2];
-  ASSERT_EQ(pipe(go), 0);
-  // The child: its own tree object on the same id, writing while the parent does.
-  auto child = [&] {
-    char c = 0;
-    std::string report = read(go[0], &c, 1) == 1 ? "" : "no go ";
-    CRegistryTree other(S("T"), 0);
-    SAFEARRAY* psa = nullptr;
-    other.GetData(S("s"), S("first"), psa, 0);
-    report += TakeDescribed(psa);
-    for (int i = 0; i < 20; ++i) {
-      SAFEARRAY* v = MakeValue({"c"});
-      if (other.SetData(S("s"), S("child" + std::to_string(i)), v, 0, 0) != S_OK) report += " failed " + std::to_string(i);
-      SafeArrayDestroy(v);
-    }
-    return report;
-  };
-  const std::string report = InChild(child, [&] {
-    ASSERT_EQ(write(go[1], "g", 1), 1);
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(Set(MakeValue({"p"}), "s", "parent" + std::to_string(i)), S_OK);
-  });
-  EXPECT_EQ(report, "8[1]:parent");
-  EXPECT_EQ(Ids().size(), 41u);
-  EXPECT_EQ(Get("child19"), "8[1]:c");
-  close(go[0]);
-  close(go[1]);
-}
-
 TEST_F(RegistryTree, CreateListProbeAndFlush) {
   SAFEARRAY* psa = nullptr;
   EXPECT_EQ(m_Tree.ListCompartmentIds(S("/"), &psa, 0), E_FAIL) << "never created";
@@ -334,17 +293,13 @@ TEST_F(RegistryTree, RemovalRaisesDescendantsDeepestFirst) {
   Create({"ab/c"});
   EXPECT_EQ(m_Tree.RemoveCompartment(S("ab"), 1, 0), S_OK);
   EXPECT_EQ(log.Count("CRegistryTree::RegDelTree UpdateVersion failed hr = 80004005"), 2u);
-  EXPECT_FALSE(KeyExists("\\ab"));
+  EXPECT_FALSE(regtest::Exists((kKey + "\\ab").c_str()));
   // A child's name must fit the walk's work buffer: "<base>T\p\" is 54
   // characters, so a name may have 251 - 54 - 2.
   for (std::size_t length : {195u, 196u}) {
-    HKEY h = nullptr;
-    ASSERT_EQ(xkRegCreateKeyEx(kHive, (kKey + "\\p\\" + std::string(length, 'n')).c_str(), 0, nullptr, 0, 3, nullptr,
-                               &h, nullptr),
-              0);
-    xkRegCloseKey(h);
+    xkRegCloseKey(regtest::Create((kKey + "\\p\\" + std::string(length, 'n')).c_str()));
     EXPECT_EQ(m_Tree.RemoveCompartment(S("p"), 1, 0), S_OK) << length;
-    EXPECT_EQ(KeyExists("\\p"), length == 196u) << length;
+    EXPECT_EQ(regtest::Exists((kKey + "\\p").c_str()), length == 196u) << length;
   }
 }
 
@@ -357,7 +312,7 @@ TEST_F(RegistryTree, FailingRegistryCallsOnKeys) {
   faults.Reset();
   faults.FailWithCode("xkRegEnumKeyEx", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
-  EXPECT_TRUE(KeyExists("\\a\\b\\c"));
+  EXPECT_TRUE(regtest::Exists((kKey + "\\a\\b\\c").c_str()));
   faults.FailWithCode("xkRegOpenKeyEx", ERROR_REGISTRY_IO_FAILED);
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), E_INVALIDARG);
 
