@@ -4,6 +4,7 @@
 #include <iostream>
 #include <string>
 
+#include "agent_command.h"
 #include "catalogue_command.h"
 #include "keyfile_command.h"
 #include "library_command.h"
@@ -38,6 +39,7 @@ int main(int argc, char** argv) {
   mstore::AddCatalogueCommand(app, status);
   mstore::AddLibraryCommands(app, status);
   mstore::AddKeyFileCommand(app, status);
+  mstore::AddAgentCommand(app, status);
 
   try {
     app.parse(argc, argv);
