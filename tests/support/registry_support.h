@@ -42,6 +42,10 @@ inline void Put(const char* path, const char* name, const std::string& bytes, un
   xkRegCloseKey(key);
 }
 
+inline void PutDword(const char* path, const char* name, unsigned int value) {
+  Put(path, name, std::string(reinterpret_cast<const char*>(&value), sizeof value), REG_DWORD);
+}
+
 // The text of a string value, "-" when it cannot be read. `hive` may be a handle.
 inline std::string Read(const char* path, const char* name, HKEY hive = kHklm) {
   char buffer[64] = {};
