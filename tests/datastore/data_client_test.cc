@@ -8,27 +8,6 @@
 
 using namespace dstest;
 
-TEST(DataClient, ReadsGiveCopiesAndTellNotFoundFromFailure) {
-  const std::string id = StoreId();
-  ASSERT_EQ(Register(id, 1), S_OK);
-  ASSERT_EQ(Write(id, "s/c", "item", {"alpha", "beta"}), S_OK);  // the store keeps its own copy
-  CStaticDataCacheClient client;
-  SAFEARRAY* copies[2] = {nullptr, nullptr};
-  for (SAFEARRAY*& copy : copies) ASSERT_EQ(client.GetData(Bstr(id), Bstr("s/c"), Bstr("item"), &copy), S_OK);
-  EXPECT_NE(copies[0], copies[1]);
-  for (SAFEARRAY* copy : copies) EXPECT_EQ(Take(copy), Strings({"alpha", "beta"}));
-
-  // An absent item or compartment is not found, at detail level only.
-  LogCapture log;
-  EXPECT_EQ(Read(id, "s/c", "missing", E_INVALIDARG), Strings({"<no array>"}));
-  EXPECT_EQ(Read(id, "nowhere", "item", E_INVALIDARG), Strings({"<no array>"}));
-  EXPECT_TRUE(log.Contains(2, "CStaticDataCacheClient::GetData GetData : data not found"));
-  for (const auto& e : log.Entries()) EXPECT_NE(e.level, 1) << e.text;
-  FaultInjector faults;
-  faults.FailWithCode("SafeArrayCopy", E_OUTOFMEMORY);  // the tree's copy
-  EXPECT_EQ(Read(id, "s/c", "item", E_OUTOFMEMORY), Strings({"<no array>"}));
-}
-
 TEST(DataClient, UnknownStoresEmptyIdsAndStoresNotSharedAreRefused) {
   const std::string id = StoreId();
   ASSERT_EQ(Register(id, 0), S_OK);

@@ -88,6 +88,8 @@ TEST(DataStore, FailuresAfterTheTreeChangedRollNothingBack) {
     faults.FailWithCode("qxSafeArrayDestroy", E_FAIL, 1);
     EXPECT_EQ(Read(id, "c", "d"), Strings{"v"}) << "the caller still gets its value";
   }
+  faults.FailWithCode("SafeArrayCopy", E_OUTOFMEMORY, 1);  // the tree's copy for the caller
+  EXPECT_EQ(Read(id, "c", "d", E_OUTOFMEMORY), Strings{"<no array>"});
   // SetData doesn't look at its own copy: when that fails the tree is handed
   // NULL, a valid empty value, which replaces the old one.
   faults.FailWithCode("SafeArrayCopy", E_OUTOFMEMORY, 1);

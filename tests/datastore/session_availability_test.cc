@@ -1,7 +1,7 @@
 // The per-session lock-out of a data store and its healing, on the test clock.
 
 #include "datastore_test_support.h"
-#include "xk/registry.h"
+#include "registry_support.h"
 
 using namespace dstest;
 
@@ -18,14 +18,6 @@ class SessionAvailability : public ::testing::Test {
   }
   void Set(unsigned int session, signed char flag) {
     ASSERT_EQ(m_Store.SetAvailabilityStoreFromSessionId(session, flag), S_OK);
-  }
-  void WriteTimeOut(unsigned int seconds) {
-    HKEY key = nullptr;
-    ASSERT_EQ(xkRegCreateKeyEx("HKEY_LOCAL_MACHINE", "Software\\Norvane Co\\Merrowstore", 0, nullptr, 0, 0, nullptr,
-                               &key, nullptr), 0);
-    ASSERT_EQ(xkRegSetValueEx(key, "DisableTimeoutAfterEndSession", 0, REG_DWORD,
-                              reinterpret_cast<const unsigned char*>(&seconds), 4), 0);
-    xkRegCloseKey(key);
   }
   std::size_t RegistryReads() {
     std::size_t n = 0;
@@ -59,7 +51,7 @@ TEST_F(SessionAvailability, AnUnavailableSessionHealsAfterTheWait) {
   // session locked out until the stored moment has come again and the wait
   // has passed.
   for (const unsigned int seconds : {0u, 5u}) {
-    WriteTimeOut(seconds);
+    regtest::PutDword("Software\\Norvane Co\\Merrowstore", "DisableTimeoutAfterEndSession", seconds);
     const std::time_t stamp = m_Clock.Now(), wait = seconds == 0 ? 15 : seconds;
     Set(1, 0);
     for (const std::time_t offset : {std::time_t{-100}, wait - 1, wait}) {
