@@ -60,26 +60,14 @@ inline SAFEARRAY* MakeParams(const Params& params) {
 
 // A PIN value: the bytes as a VT_UI1 vector.
 inline SAFEARRAY* MakePIN(const std::string& pin) {
-  SAFEARRAY* psa = SafeArrayCreateVector(VT_UI1, 0, pin.size());
-  if (!pin.empty()) std::copy(pin.begin(), pin.end(), static_cast<char*>(psa->pvData));
-  return psa;
+  return mtest::Make(VT_UI1, {pin.size()}, mtest::Bytes(pin.begin(), pin.end()));
 }
 
 // The bytes of a VT_UI1 vector, or the element 0 of a VT_BSTR one; destroys it.
 inline std::string Take(SAFEARRAY* psa) {
-  std::string out = "<null>";
-  if (psa == nullptr) return out;
-  if (psa->vt == VT_BSTR) {
-    BSTR b = nullptr;
-    int i = 0;
-    SafeArrayGetElement(psa, &i, &b);
-    out = b == nullptr ? "<empty>" : std::string(b, SysStringByteLen(b));
-    SysFreeString(b);
-  } else {
-    out.assign(static_cast<const char*>(psa->pvData), psa->rgsabound[0].cElements);
-  }
-  SafeArrayDestroy(psa);
-  return out;
+  if (psa == nullptr || psa->vt != VT_BSTR) return psa == nullptr ? "<null>" : mtest::TakeBytes(psa);
+  const mtest::Strings items = mtest::Take(psa);
+  return items.empty() || items[0] == "<null>" ? "<empty>" : items[0];
 }
 
 inline std::string Dec(unsigned v) { return std::to_string(v); }
