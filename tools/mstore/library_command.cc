@@ -18,15 +18,19 @@ struct Args {
   bool echo = false;
 };
 
-// <folder of the program>/../lib/libmstoreshell.so: the build puts programs in
-// bin/ and libraries in lib/ of one folder.
+// In a build tree, <folder of the program>/../lib/libmstoreshell.so: the build
+// puts programs in bin/ and libraries in lib/ of one folder. Installed, the
+// plugin lives in the library folder's merrowstore/, MSTORE_INSTALLED_PLUGIN_DIR
+// from the program's folder.
 std::string PluginPath() {
   char exe[4096];
   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
   if (n <= 0) return MSTORE_SHELL_LIBRARY;
-  std::string path(exe, static_cast<std::size_t>(n));
-  path.erase(path.find_last_of('/') + 1);
-  return path + "../lib/" + MSTORE_SHELL_LIBRARY;
+  std::string folder(exe, static_cast<std::size_t>(n));
+  folder.erase(folder.find_last_of('/') + 1);
+  const std::string built = folder + "../lib/" + MSTORE_SHELL_LIBRARY;
+  if (access(built.c_str(), F_OK) == 0) return built;
+  return folder + MSTORE_INSTALLED_PLUGIN_DIR + "/" + MSTORE_SHELL_LIBRARY;
 }
 
 // Loads the plugin, and with it the store library, and runs the request. The
