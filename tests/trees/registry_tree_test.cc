@@ -273,7 +273,7 @@ TEST_F(RegistryTree, RemovalRaisesDescendantsDeepestFirst) {
   RecordingHistory* history = new RecordingHistory;
   DropHistory();
   gHistoryTree = history;
-  Create({"a/b/c", "a/d", "ab", "z"});
+  Create({"a/d", "a/b/c", "ab", "z"});  // removed in byte order, not in the order made
   Put(m_Tree, "a/b", "v");
   EXPECT_EQ(m_Tree.RemoveCompartment(S("a"), 1, 0), S_OK);
   EXPECT_EQ(history->m_Writes, Strings({"T/a/b/c CompartmentVersion", "T/a/b/c ContentVersion",
