@@ -1,6 +1,8 @@
 // Encrypted and remanent stores in one process: which key and which tree each
 // kind gets, what the tree really holds, and the failures of protection and
-// recovery. Values that outlive a process are in remanent_store_process_test.
+// recovery. A value read back by another process under the key file's key is
+// the remanent PIN store's test (the same key and tree), one in the clear the
+// load test's and mstore's.
 
 #include <filesystem>
 #include <typeinfo>
