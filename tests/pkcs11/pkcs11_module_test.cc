@@ -84,7 +84,7 @@ TEST(PKCS11Module, UnloadableTokenModules) {
   EXPECT_EQ(Ours()->C_Finalize(nullptr), CKR_OK);
 }
 
-struct PINCache : ::testing::Test {
+struct PKCS11PINCache : ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(f->C_Initialize(nullptr), CKR_OK);
     s = Open(f);
@@ -99,7 +99,7 @@ struct PINCache : ::testing::Test {
 // A user PIN's round: cached by a login, it serves NULL-PIN logins, checks a
 // login while logged in, follows C_SetPIN, leaves with C_InitPIN, with C_Logout
 // only when told, and with its timer, taking the login with it.
-TEST_F(PINCache, AUserPINFromLoginToExpiry) {
+TEST_F(PKCS11PINCache, AUserPINFromLoginToExpiry) {
   SetSetting("Merrowstore.Authentication.Timeout", 5);
   const unsigned long logins = Count("TestTokenLogins");
   EXPECT_EQ(Login(f, s, nullptr), CKR_PIN_INCORRECT);  // nothing cached: the token is not asked
@@ -143,7 +143,7 @@ TEST_F(PINCache, AUserPINFromLoginToExpiry) {
 
 // A cached PIN the token refuses (changed behind the module's back) is removed
 // at once: however many threads retry with a NULL PIN, the token sees it once.
-TEST_F(PINCache, ARefusedPINReachesTheTokenOnce) {
+TEST_F(PKCS11PINCache, ARefusedPINReachesTheTokenOnce) {
   ASSERT_EQ(Login(f, s, "1234"), CKR_OK);
   ASSERT_EQ(f->C_SetPIN(s, (CK_UTF8CHAR_PTR) "1234", 4, (CK_UTF8CHAR_PTR) "4321", 4), CKR_OK);
   ASSERT_EQ(f->C_Logout(s), CKR_OK);
@@ -170,7 +170,7 @@ TEST_F(PINCache, ARefusedPINReachesTheTokenOnce) {
 // A key that asks for the PIN on every use: the login's PIN serves one
 // signature; after it the cache says prompt, or confirm, and the module refuses
 // either way, so that the program asks its user, whose PIN is then forwarded.
-TEST_F(PINCache, AnAlwaysAuthenticateKeyUnderEachPINAlwaysSetting) {
+TEST_F(PKCS11PINCache, AnAlwaysAuthenticateKeyUnderEachPINAlwaysSetting) {
   for (int confirm : {0, 1}) {
     SCOPED_TRACE(confirm);
     SetSetting("Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys", confirm);
