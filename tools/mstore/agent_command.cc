@@ -96,7 +96,7 @@ int RunStatus(const std::string& dir) {
   for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) report.append(buf, static_cast<std::size_t>(n));
   close(fd);
   std::cout << report;
-  return report.empty() ? 1 : 0;
+  return 0;
 }
 
 int RunAgent(const std::string& dir, const std::string& modulePath) {
@@ -138,7 +138,8 @@ int RunAgent(const std::string& dir, const std::string& modulePath) {
     if (running && (fds[2].revents & POLLIN)) {
       const int fd = control.Accept();
       if (fd >= 0) {
-        Answer(fd, module.Status());
+        const std::string report = module.Status();
+        Answer(fd, report.empty() ? "no token seen yet\n" : report);
         close(fd);
       }
     }
