@@ -60,35 +60,6 @@ TEST(Bstr, LengthsOfBstrsAndOfPlainBuffers) {
   for (BSTR b : {blob, zeroes, cut, empty, BSTR{}}) SysFreeString(b);
 }
 
-TEST(SafeArray, CreateStoresBoundsReversedAndAddressesLeftmostFastest) {
-  SAFEARRAYBOUND given[2] = {{3, 0}, {4, 10}};
-  SAFEARRAY* psa = SafeArrayCreate(VT_I4, 2, given);
-  ASSERT_NE(psa, nullptr);
-  EXPECT_EQ(psa->rgsabound[0].cElements, 4u);
-  EXPECT_EQ(psa->rgsabound[1].cElements, 3u);
-  std::vector<long> bounds(4);
-  for (unsigned int d = 1; d <= 2; ++d) {
-    EXPECT_HR(S_OK, SafeArrayGetLBound(psa, d, &bounds[2 * d - 2]));
-    EXPECT_HR(S_OK, SafeArrayGetUBound(psa, d, &bounds[2 * d - 1]));
-  }
-  EXPECT_EQ(bounds, (std::vector<long>{0, 2, 10, 13}));
-  EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetLBound(psa, 0, &bounds[0]));
-  EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetUBound(psa, 3, &bounds[0]));
-  for (int j = 0; j < 4; ++j) {
-    for (int i = 0; i < 3; ++i) {
-      int at[2] = {i, 10 + j}, value = 100 * i + j;
-      EXPECT_HR(S_OK, SafeArrayPutElement(psa, at, &value));
-    }
-  }
-  void* data = nullptr;
-  ASSERT_EQ(SafeArrayAccessData(psa, &data), S_OK);
-  for (int j = 0; j < 4; ++j) {
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(static_cast<int*>(data)[i + 3 * j], 100 * i + j) << i << "," << j;
-  }
-  EXPECT_EQ(SafeArrayUnaccessData(psa), S_OK);
-  EXPECT_EQ(SafeArrayDestroy(psa), S_OK);
-}
-
 TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
   SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 3);
   ASSERT_NE(psa, nullptr);
@@ -119,9 +90,11 @@ TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
 }
 
 // Every vartype the service keeps, with its element size, in one to three
-// dimensions: the elements start zeroed, the last index of each dimension is
-// reached and one past either end of any dimension is refused.
-TEST(SafeArray, ElementSizesBadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
+// dimensions with lower bounds -1, 0 and 1: the bounds are stored in reverse
+// and read back by the given dimension, the elements start zeroed, the
+// leftmost index runs fastest, the last index of each dimension is reached and
+// one past either end of any dimension is refused.
+TEST(SafeArray, ElementSizesBoundsAddressingBadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
   const std::pair<VARTYPE, unsigned> kSizes[] = {
       {VT_I1, 1},    {VT_UI1, 1},    {VT_I2, 2},   {VT_UI2, 2},   {VT_BOOL, 2},  {VT_I4, 4},
       {VT_UI4, 4},   {VT_R4, 4},     {VT_ERROR, 4}, {VT_INT, 4},  {VT_UINT, 4},  {VT_R8, 8},
@@ -144,8 +117,22 @@ TEST(SafeArray, ElementSizesBadIndicesAndNullArgumentsAcrossVartypesAndShapes) {
       EXPECT_HR(S_OK, SafeArrayGetVartype(psa, &got));
       EXPECT_EQ(std::make_pair(got, SafeArrayGetElemsize(psa)), std::make_pair(vt, size));
       EXPECT_EQ(std::string(static_cast<char*>(psa->pvData), cells * size), std::string(cells * size, '\0'));
+      std::vector<int> second;  // the second cell: one up in the leftmost dimension
+      for (unsigned d = 0; d < dims; ++d) {
+        long lower = 9, upper = 9;
+        EXPECT_HR(S_OK, SafeArrayGetLBound(psa, d + 1, &lower));
+        EXPECT_HR(S_OK, SafeArrayGetUBound(psa, d + 1, &upper));
+        EXPECT_EQ(std::make_pair(lower, upper), std::make_pair(bounds[d].lLbound, static_cast<long>(last[d])));
+        EXPECT_EQ(psa->rgsabound[dims - 1 - d].cElements, bounds[d].cElements);
+        second.push_back(static_cast<int>(bounds[d].lLbound) + (d == 0));
+      }
+      long bound = 0;
+      EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetLBound(psa, 0, &bound));
+      EXPECT_HR(DISP_E_BADINDEX, SafeArrayGetUBound(psa, dims + 1, &bound));
       alignas(16) unsigned char value[16] = {7}, out[16] = {};
       void* in = vt == VT_BSTR ? static_cast<void*>(const_cast<char*>("v")) : value;
+      EXPECT_HR(S_OK, SafeArrayPutElement(psa, second.data(), in));
+      EXPECT_NE(std::string(static_cast<char*>(psa->pvData) + size, size), std::string(size, '\0'));
       EXPECT_HR(S_OK, SafeArrayPutElement(psa, last.data(), in));
       EXPECT_HR(S_OK, SafeArrayGetElement(psa, last.data(), out));
       if (vt == VT_BSTR) SysFreeString(*reinterpret_cast<BSTR*>(out));
