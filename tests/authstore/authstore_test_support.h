@@ -162,16 +162,7 @@ class Child {
   pid_t m_Pid;
 };
 
-// Runs `body` in a forked child (which shares the registry file and the key
-// file redirect) and returns its report; an expectation that failed in the
-// child, or a child that did not exit cleanly, shows in the report.
-inline std::string InChild(const std::function<std::string()>& body) {
-  return mtest::InChild([&] {
-    std::string report = body();
-    if (::testing::Test::HasFailure()) report += " <child expectation failed>";
-    return report;
-  });
-}
+using mtest::InChild;  // the child shares the registry file and the key file redirect
 
 }  // namespace atest
 
