@@ -16,6 +16,10 @@ const char* const kSettings[] = {
     "Merrowstore.Authentication.AllowPerProcess",
     "Merrowstore.Authentication.Timeout",
     "Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys",
+    // The PKCS#11 module: the token's module it forwards to, and whether a
+    // logout forgets the token's cached PIN.
+    "Merrowstore.PKCS11.Module",
+    "Merrowstore.PKCS11.ForgetPINOnLogout",
 };
 
 struct Args {
@@ -51,8 +55,9 @@ int RunShow() {
       status = 1;
       continue;
     }
-    std::cout << std::setw(12) << value.String().c_str() << "(" << SourceText(xk::settings::GetSettingSource(key))
-              << ")\n";
+    std::string text = value.String().c_str();
+    if (text.size() >= 12) text += ' ';  // a module path is longer than the column
+    std::cout << std::setw(12) << text << "(" << SourceText(xk::settings::GetSettingSource(key)) << ")\n";
   }
   std::cout << "registry key: HKEY_LOCAL_MACHINE\\" << xk::settings::RegistryKey() << "\n";
   return status;
