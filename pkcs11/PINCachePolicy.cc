@@ -126,7 +126,7 @@ CK_RV CPINCachePolicy::LoginUser(CK_FUNCTION_LIST* token, CK_SESSION_HANDLE sess
     // logged in, never waved through.
     PIN cached;
     PINState state;
-    if (!m_Cache.Get(serial, CTokenPINCache::Use::kCompare, &cached, &state) || !cached.Equals(pin, pinLen)) {
+    if (!m_Cache.Get(serial, CTokenPINCache::Use::kLogin, &cached, &state) || !cached.Equals(pin, pinLen)) {
       xklogLog(MSTORE_PKCS11_MODULE, xk::log::kDetail, "C_Login token %s already logged in: the PIN differs",
                serial.c_str());
       return CKR_PIN_INCORRECT;
@@ -160,7 +160,7 @@ void CPINCachePolicy::Refused(const std::string& serial, CK_RV rv, CK_UTF8CHAR_P
   PIN cached;
   PINState state;
   if (rv != CKR_PIN_INCORRECT ||
-      (m_Cache.Get(serial, CTokenPINCache::Use::kCompare, &cached, &state) && cached.Equals(pin, pinLen))) {
+      (m_Cache.Get(serial, CTokenPINCache::Use::kLogin, &cached, &state) && cached.Equals(pin, pinLen))) {
     xklogLog(MSTORE_PKCS11_MODULE, xk::log::kDetail, "C_Login token %s refused the PIN (0x%lx): cached PIN removed",
              serial.c_str(), static_cast<unsigned long>(rv));
     Forget(serial);

@@ -79,9 +79,8 @@ bool CTokenPINCache::Set(const std::string& serial, const PIN& pin) const {
 bool CTokenPINCache::Get(const std::string& serial, Use use, PIN* pin, PINState* state) const {
   CStaticAuthCacheClient client;
   Text compartment(serial), pinId(kPINId);
-  Parameter parameter = use == Use::kPINAlways ? Parameter("IsACRPINAlways", "Yes")
-                        : use == Use::kCompare ? Parameter("Action", "Authenticate")
-                                               : Parameter("IsACRPINAlways", "No");
+  Parameter parameter =
+      use == Use::kPINAlways ? Parameter("IsACRPINAlways", "Yes") : Parameter("Action", "Authenticate");
   SAFEARRAY* value = nullptr;
   PINState got = AuthStore::PINStatePrompt;
   client.GetPINEx(compartment.bstr, pinId.bstr, &parameter.record, 1, &value, nullptr, &got);

@@ -34,9 +34,12 @@ class CTokenPINCache {
 
   // What a read is for; each asks the store as the PIN store's table wants it.
   enum class Use {
-    kLogin,      // an ordinary login: a plain read, which spends the one-shot token
+    // A user login, with the cached PIN or checking a typed one against it:
+    // Action=Authenticate. A login authenticates to the token, it is no use by
+    // a key that asks for the PIN on every use, so the one-shot token stays as
+    // it is for the signature that follows.
+    kLogin,
     kPINAlways,  // a key that asks for the PIN on every use: IsACRPINAlways=Yes
-    kCompare,    // checking a typed PIN: Action=Authenticate, the token stays as it is
   };
 
   // Caches pin with Action=Authenticate (the token just accepted it, so one use

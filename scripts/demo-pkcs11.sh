@@ -37,8 +37,6 @@ pin=4711-demo
 mkdir "$work/tokens"
 printf 'directories.tokendir = %s/tokens\nobjectstore.backend = file\nlog.level = ERROR\n' "$work" >"$work/softhsm2.conf"
 export SOFTHSM2_CONF="$work/softhsm2.conf"
-# The token module behind the Merrowstore module.
-export MERROWSTORE_PKCS11_MODULE="$softhsm"
 echo "document" >"$work/data"
 
 echo "== a SoftHSM2 token with an ordinary key (id 01) and an always-authenticate key (id 02)"
@@ -49,11 +47,13 @@ pkcs11-tool --module "$softhsm" --login --pin "$pin" --keypairgen --key-type EC:
   --label always --always-auth >/dev/null 2>&1
 
 mst() { "$mstore" --registry "$work/registry.db" "$@"; }
+echo; echo "\$ mstore settings set Merrowstore.PKCS11.Module $softhsm --text    # the token's own module"
+mst settings set Merrowstore.PKCS11.Module "$softhsm" --text
 echo; echo "\$ mstore settings set Merrowstore.Authentication.Timeout 0     # 0: a PIN lives 5 s without use"
 mst settings set Merrowstore.Authentication.Timeout 0
 
 echo; echo "\$ mstore agent --dir $work/agent &"
-"$mstore" --registry "$work/registry.db" agent --dir "$work/agent" >"$work/agent.out" 2>"$work/agent.log" &
+"$mstore" --registry "$work/registry.db" --log all agent --dir "$work/agent" >"$work/agent.out" 2>"$work/agent.log" &
 agent=$!
 for _ in $(seq 100); do grep -q P11_KIT_SERVER_ADDRESS "$work/agent.out" && break; sleep 0.1; done
 grep -q P11_KIT_SERVER_ADDRESS "$work/agent.out" || { cat "$work/agent.log" >&2; exit 1; }
@@ -83,12 +83,15 @@ echo; echo "== a new process, no PIN, no prompt"
 sign 01
 if grep -q 'User PIN' "$work/tool.out"; then echo "demo-pkcs11: the PIN was asked for" >&2; exit 1; fi
 
-echo; echo "== the always-authenticate key: the PIN-always settings decide whether the cache may answer"
-for mode in 0 1; do
-  echo "\$ mstore settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys $mode"
-  mst settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys "$mode"
-  sign 02 || echo "    (the cache said prompt or confirm: the program has to ask its user)"
-done
+echo; echo "== the always-authenticate key: the PIN typed at the login serves one signature; after it the"
+echo "   PIN-always settings decide what the cache answers, and the module refuses so that the program asks"
+# What the cache answered the last always-authenticate login (the agent's log).
+answer() { echo "    (the cache said: $(grep -o 'PINState = [a-z]*' "$work/agent.log" | tail -1 | cut -d' ' -f3))"; }
+sign 02; answer
+sign 02 || answer
+echo "\$ mstore settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys 1"
+mst settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys 1
+sign 02 || answer
 sign 02 --pin "$pin"
 
 echo; echo "== the PIN expires by its timer (5 s without use)"

@@ -3,8 +3,9 @@
 # database: a store catalogue, a scripted session on the library's data stores
 # (tools/mstore/demo.mstore), an encrypted remanent store whose value outlives
 # the process, a middleware's round with the PIN cache
-# (tools/mstore/demo-pin.mstore, twice: the PIN-always mode differs), then the
-# settings.
+# (tools/mstore/demo-pin.mstore, twice: the PIN-always mode differs), the PIN
+# cache in front of a PKCS#11 token for every program of the session
+# (scripts/demo-pkcs11.sh), then the settings.
 #
 # The machine is left as the demo found it: a key file the demo provisions at
 # the library's fixed path goes at the end, with any folders made for it, also
@@ -77,6 +78,10 @@ say settings set Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKey
 probe='pin-probe-ex card-0042 user-pin'
 echo; echo "\$ { cat tools/mstore/demo-pin.mstore; sleep 6; echo '$probe'; } | mstore shell --echo"
 { cat "$root/tools/mstore/demo-pin.mstore"; sleep 6; echo "$probe"; } | "$mstore" --registry "$reg" shell --echo
+# The PIN cache in front of a PKCS#11 token, across processes: pkcs11-tool
+# through p11-kit's client module and `mstore agent` (its own temporary world).
+echo; echo "=== the PKCS#11 module and its agent ==="
+bash "$root/scripts/demo-pkcs11.sh" "$root/build/plain"
 say settings show
 say registry dump 'HKEY_LOCAL_MACHINE\Software\Norvane Co\Merrowstore'
 echo
