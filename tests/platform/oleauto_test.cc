@@ -1,6 +1,7 @@
-// BSTR and SAFEARRAY service: layout, copies, codes, lock counting, and the
-// fault points of its functions (a failed allocation anywhere is reported
-// and leaves nothing behind).
+// BSTR and SAFEARRAY service: layout, codes, lock counting, and the fault
+// points of its functions. Deep copies of BSTR elements (embedded NULs, NULL
+// elements, a copy for each read) are what every tree and store test stands
+// on, and a failed allocation of a copy is the memory tree's write test.
 
 #include <gtest/gtest.h>
 
@@ -58,35 +59,6 @@ TEST(Bstr, LengthsOfBstrsAndOfPlainBuffers) {
   std::free(name);
   std::free(nothing);
   for (BSTR b : {blob, zeroes, cut, empty, BSTR{}}) SysFreeString(b);
-}
-
-TEST(SafeArray, BstrElementsAreDeepCopiesThatKeepEmbeddedNuls) {
-  SAFEARRAY* psa = SafeArrayCreateVector(VT_BSTR, 0, 3);
-  ASSERT_NE(psa, nullptr);
-  int at[3][1] = {{0}, {1}, {2}};
-  BSTR original = SysAllocStringByteLen(kPin.data(), 8);
-  ASSERT_EQ(SafeArrayPutElement(psa, at[0], original), S_OK);
-  SysFreeString(original);  // the array kept its own copy
-  char plain[] = "plain";
-  ASSERT_EQ(SafeArrayPutElement(psa, at[1], plain), S_OK);
-  ASSERT_EQ(SafeArrayPutElement(psa, at[1], const_cast<char*>(kPin.data())), S_OK);  // frees "plain"; strlen of a plain buffer
-  ASSERT_EQ(SafeArrayPutElement(psa, at[2], nullptr), S_OK);
-
-  BSTR got = nullptr;
-  ASSERT_EQ(SafeArrayGetElement(psa, at[0], &got), S_OK);
-  got[0] = 'X';
-  SysFreeString(got);
-  SAFEARRAY* copy = nullptr;
-  ASSERT_EQ(SafeArrayCopy(psa, &copy), S_OK);
-  ASSERT_EQ(SafeArrayDestroy(psa), S_OK);  // the copy must share nothing with it
-  const std::string expected[] = {kPin, "pin", ""};  // the first independent of the copy changed above
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(SafeArrayGetElement(copy, at[i], &got), S_OK);
-    EXPECT_EQ(got == nullptr ? "" : Bytes(got), expected[i]);
-    SysFreeString(got);
-  }
-  EXPECT_EQ(static_cast<BSTR*>(copy->pvData)[2], nullptr);
-  EXPECT_EQ(qxSafeArrayDestroy(copy, 0), S_OK);
 }
 
 // Every vartype the service keeps, with its element size, in one to three
