@@ -56,6 +56,7 @@ DESTDIR="$work/root" cmake --install "$build" >/dev/null
 prefix="$work/root/usr"
 for path in "lib/$multiarch/libmerrowstore.so.0.1.0" "lib/$multiarch/libmerrowstore.so.0" "lib/$multiarch/libxkwinext.so.0" \
             "lib/$multiarch/merrowstore/libmstoreshell.so" "lib/$multiarch/cmake/Merrowstore/MerrowstoreConfigVersion.cmake" \
+            "lib/$multiarch/pkcs11/libmerrowstore-pkcs11.so" \
             "lib/$multiarch/pkgconfig/merrowstore.pc" include/merrowstore/StaticAuthCacheClient.h \
             include/merrowstore/xk/oleauto.h bin/mstore share/doc/merrowstore/README.md; do
   [ -e "$prefix/$path" ] || fail "not installed: $path"
@@ -66,6 +67,11 @@ done
 build_example destdir "$prefix"
 XK_REGISTRY_PATH="$work/mstore.db" "$prefix/bin/mstore" stores | grep -q AEA79AF9 ||
   fail "the installed mstore does not load the library through its plugin"
+module="$("$prefix/bin/mstore" agent --help | sed -n 's/.*--module.*(default: \(.*\))$/\1/p')"
+[ -n "$module" ] && [ "$(realpath "$module")" = "$(realpath "$prefix/lib/$multiarch/pkcs11/libmerrowstore-pkcs11.so")" ] ||
+  fail "the installed agent does not find the installed PKCS#11 module (it would serve '$module')"
+ldd "$prefix/lib/$multiarch/pkcs11/libmerrowstore-pkcs11.so" | grep -q "libmerrowstore.so.0 => $prefix/" ||
+  fail "the installed PKCS#11 module does not find the installed store library"
 
 echo "=== Debian package ==="
 (cd "$build" && cpack -G DEB >/dev/null)
@@ -73,12 +79,13 @@ deb="$(ls "$build"/merrowstore_*.deb)"
 dpkg-deb -c "$deb" >"$work/contents"
 for path in "./usr/lib/$multiarch/libmerrowstore.so.0.1.0" "./usr/lib/$multiarch/libmerrowstore.so.0 -> " \
             "./usr/lib/$multiarch/cmake/Merrowstore/MerrowstoreConfig.cmake" "./usr/lib/$multiarch/pkgconfig/merrowstore.pc" \
-            ./usr/include/merrowstore/StaticDataCacheClient.h ./usr/bin/mstore "./usr/lib/$multiarch/merrowstore/libmstoreshell.so"; do
+            ./usr/include/merrowstore/StaticDataCacheClient.h ./usr/bin/mstore "./usr/lib/$multiarch/merrowstore/libmstoreshell.so" \
+            "./usr/lib/$multiarch/pkcs11/libmerrowstore-pkcs11.so"; do
   grep -qF "$path" "$work/contents" || fail "the package lacks $path"
 done
 ! grep -q libxktest "$work/contents" || fail "the package holds the test support library"
 depends="$(dpkg-deb -f "$deb" Depends)"
-for dependency in libssl3 libsqlite3-0 libuuid1 libstdc++6; do
+for dependency in libssl3 libsqlite3-0 libuuid1 libstdc++6 libp11-kit0; do
   grep -q "$dependency" <<<"$depends" || fail "the package does not depend on $dependency ($depends)"
 done
 echo "  $(basename "$deb"): $(wc -l <"$work/contents") entries; Depends: $depends"
