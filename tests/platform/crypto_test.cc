@@ -140,17 +140,10 @@ TEST(Crypto, Pkcs7PaddingRoundTripsEveryLengthAndRefusesDamage) {
   const SecureByteVector sealed = Transform(key.get(), Cipher::kEncrypt, Bytes(16, 9));
   const SecureByteVector raw = Transform(key.get(), Cipher::kDecrypt, sealed, "None");
   EXPECT_EQ(SecureByteVector(raw.begin() + 16, raw.end()), SecureByteVector(16, 0x10));
-  // A damaged last block decrypts to garbage whose last byte is no padding
-  // (fixed key and value, so always the same garbage); a flip in the block
-  // before turns the padding byte 0x10 into 0x4a.
-  for (std::size_t at : {std::size_t{31}, std::size_t{15}}) {
-    SecureByteVector damaged = sealed;
-    damaged[at] ^= 0x5a;
-    EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, damaged); }), kCryptoOperationFailed) << at;
-  }
+  // Nothing to decrypt is refused; every padding byte is checked, not only the
+  // last: a block ending in 0x03 0x02 is refused. (Damaged and cut blobs are
+  // the value protection's test.)
   EXPECT_EQ(ErrorOf([&] { Transform(key.get(), Cipher::kDecrypt, {}); }), kCryptoOperationFailed);
-  // Every padding byte is checked, not only the last: a block ending in
-  // 0x03 0x02 is refused.
   SecureByteVector badPad = Bytes(16, 1);
   badPad[14] = 0x03;
   badPad[15] = 0x02;
