@@ -79,6 +79,13 @@ inline std::string Item(CInternalAuthStore& store, const std::string& path, cons
   return Take(psa);
 }
 
+// The PIN values at `paths`, separated by spaces.
+inline std::string Pins(CInternalAuthStore& store, const std::vector<std::string>& paths) {
+  std::string out;
+  for (const std::string& path : paths) out += (out.empty() ? "" : " ") + Item(store, path, "PINValue");
+  return out;
+}
+
 inline void SetSetting(const char* name, std::int64_t value) {
   ASSERT_EQ(xk::settings::SetSettingValue(S(name), QX::Framework::XKData(value)), S_OK);
 }
