@@ -33,11 +33,11 @@ TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
     HRESULT hr;
     std::string kinds;  // the tree ("memory", "registry", "none") and the key ("volatile", "persistent", "none")
   };
+  // (Clear stores of both kinds, and a remanent encrypted one without a key
+  // file, are what the load test registers from its catalogue.)
   const Row rows[] = {
-      {0, 0, false, S_OK, "memory none"},     {0, 1, false, S_OK, "memory volatile"},
-      {1, 0, false, S_OK, "registry none"},   {1, 1, false, E_FAIL, "none none"},
-      {1, 1, true, S_OK, "registry persistent"}, {2, 1, false, E_FAIL, "none none"},
-      {2, 1, true, S_OK, "memory persistent"},
+      {0, 1, false, S_OK, "memory volatile"}, {1, 1, true, S_OK, "registry persistent"},
+      {2, 1, false, E_FAIL, "none none"},     {2, 1, true, S_OK, "memory persistent"},
   };
   for (const Row& row : rows) {
     const std::string what = std::to_string(&row - rows);
@@ -45,7 +45,6 @@ TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
     std::filesystem::remove(sandbox.KeyFilePath());
     if (row.keyFile) sandbox.WriteKeyFile(KeyFile(1));
     CInternalDataStore store;
-    LogCapture log;
     const auto eType = static_cast<QX::DataStore::Type>(row.type);
     EXPECT_EQ(store.Begin(Bstr(StoreId(what)), eType, row.encrypted, 1, S("P")), row.hr);
     CAbstractTree* tree = CInternalDataStoreTestPeer::Tree(store);
@@ -56,7 +55,6 @@ TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
                                                                     : "other";
     const char* keyKind = crypto.VolatileKey() ? "volatile" : crypto.PersistentKey() ? "persistent" : "none";
     EXPECT_EQ(std::string(treeKind) + " " + keyKind, row.kinds);
-    EXPECT_EQ(log.Contains(1, "CInternalDataStore::Begin GetPINCachingMode failed"), FAILED(row.hr));
     store.End();
   }
 
