@@ -206,52 +206,42 @@ std::vector<unsigned char> Pattern(std::uint32_t i, std::size_t size) {
 
 TEST_F(RegistryProcessTest, KilledWriterLeavesEveryCommittedValueWhole) {
   constexpr std::size_t kSize = 256 * 1024;
-  constexpr std::uint32_t kKillAfter = 12;
   int committed[2];
   ASSERT_EQ(pipe(committed), 0);
-  pid_t child = fork();
+  const pid_t child = fork();
   ASSERT_GE(child, 0);
-  if (child == 0) {
+  if (child == 0) {  // writes v0 ... v39 round and round, reporting each index once committed
     close(committed[0]);
     for (std::uint32_t i = 0;; ++i) {
-      std::vector<unsigned char> bytes = Pattern(i, kSize);
-      std::string name = "v" + std::to_string(i % 40);
-      if (xkRegSetValueEx(m_Key, name.c_str(), 0, REG_BINARY, bytes.data(), kSize) != ERROR_SUCCESS) _exit(1);
-      if (write(committed[1], &i, sizeof i) != sizeof i) _exit(2);
+      const std::vector<unsigned char> bytes = Pattern(i, kSize);
+      if (xkRegSetValueEx(m_Key, ("v" + std::to_string(i % 40)).c_str(), 0, REG_BINARY, bytes.data(), kSize) !=
+              ERROR_SUCCESS ||
+          write(committed[1], &i, sizeof i) != sizeof i)
+        _exit(1);
     }
   }
   close(committed[1]);
-  // Each reported index is a committed write.
-  std::vector<std::uint32_t> reported;
-  for (std::uint32_t index; read(committed[0], &index, sizeof index) == sizeof index;) {
-    reported.push_back(index);
-    if (reported.size() == kKillAfter) {
-      ASSERT_EQ(kill(child, SIGKILL), 0);
-    }
+  std::uint32_t newest = 0, reports = 0;
+  for (std::uint32_t index; read(committed[0], &index, sizeof index) == sizeof index; newest = index) {
+    if (++reports == 12) kill(child, SIGKILL);
   }
   close(committed[0]);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "status " << status;
-  ASSERT_GE(reported.size(), kKillAfter);
-
-  // The writer went 0, 1, 2, ... in order, so each value name must hold its
-  // newest reported write, or the write after the last report (committed
-  // before the kill but not reported).
-  std::uint32_t newest = reported.back();
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && reports >= 12) << "status " << status;
+  // Each value name holds its newest reported write, or the write after the
+  // last report (committed before the kill but not reported).
   std::vector<unsigned char> back(kSize);
   for (std::uint32_t slot = 0; slot < 40 && slot <= newest; ++slot) {
-    std::uint32_t expected = newest - (newest - slot) % 40;
-    std::string name = "v" + std::to_string(slot);
     unsigned int size = kSize;
-    ASSERT_EQ(qxRegReadValueEx(kHklm, "B", name.c_str(), nullptr, back.data(), &size, 0), ERROR_SUCCESS);
-    ASSERT_EQ(size, kSize);
-    bool whole = back == Pattern(expected, kSize) || ((newest + 1) % 40 == slot && back == Pattern(newest + 1, kSize));
-    EXPECT_TRUE(whole) << name << " does not hold write " << expected;
+    ASSERT_EQ(qxRegReadValueEx(kHklm, "B", ("v" + std::to_string(slot)).c_str(), nullptr, back.data(), &size, 0),
+              ERROR_SUCCESS);
+    EXPECT_TRUE(size == kSize && (back == Pattern(newest - (newest - slot) % 40, kSize) ||
+                                  ((newest + 1) % 40 == slot && back == Pattern(newest + 1, kSize))))
+        << "v" << slot;
   }
   const std::size_t count = ValueNames("B").size();
-  EXPECT_GE(count, std::min<std::size_t>(reported.size(), 40));
-  EXPECT_LE(count, std::min<std::size_t>(reported.size() + 1, 40));
+  EXPECT_TRUE(count >= std::min<std::size_t>(reports, 40) && count <= std::min<std::size_t>(reports + 1, 40)) << count;
   EXPECT_EQ(OnOther("PRAGMA integrity_check"), "ok");
 }
 
