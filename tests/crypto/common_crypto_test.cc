@@ -105,12 +105,9 @@ TEST_F(CommonCryptoTest, LibraryFailuresAreMapped) {
   // A factory that answers NULL (nullFactory) counts as the library running
   // out of memory.
   const struct { const char* op; const Call& call; bool nullFactory; } runs[] = {
-      {"ICryptoParserParameterMap::SetKeyLabel", volatileKey, false},
       {"KeyGenerator::GenerateKey", volatileKey, false},
       {"IKey::Create", persistentKey, false},
-      {"ICryptoParserParameterMap::SetIV", encrypt, false},
       {"Cipher::DoFinal", encrypt, false},
-      {"Cipher::Create", decrypt, false},
       {"Cipher::DoFinal", decrypt, false},
       {"KeyGenerator::Create", volatileKey, true},
       {"ICryptoParserParameterMap::Create", encrypt, true},
