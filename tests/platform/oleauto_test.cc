@@ -32,18 +32,13 @@ std::string Bytes(BSTR b) { return std::string(b, SysStringByteLen(b)); }
 const std::string kPin("pin\0code", 8);
 
 TEST(Bstr, LengthsOfBstrsAndOfPlainBuffers) {
-  BSTR blob = SysAllocStringByteLen(kPin.data(), 8);
-  EXPECT_EQ(SysStringLen(blob), 8u);
-  EXPECT_EQ(Bytes(blob), kPin);
-  EXPECT_EQ(blob[8], '\0');
-  BSTR zeroes = SysAllocStringByteLen(nullptr, 3);
-  EXPECT_EQ(Bytes(zeroes), std::string(3, '\0'));
-  BSTR cut = SysAllocStringLen("abcdef", 3);
-  EXPECT_EQ(Bytes(cut), "abc");
-  EXPECT_EQ(SysAllocString(nullptr), nullptr);
-  BSTR empty = SysAllocString("");
+  BSTR blob = SysAllocStringByteLen(kPin.data(), 8), zeroes = SysAllocStringByteLen(nullptr, 3),
+       cut = SysAllocStringLen("abcdef", 3), empty = SysAllocString("");
   ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(SysStringLen(empty), 0u);
+  EXPECT_EQ((std::vector<std::string>{Bytes(blob), Bytes(zeroes), Bytes(cut), Bytes(empty)}),
+            (std::vector<std::string>{kPin, std::string(3, '\0'), "abc", ""}));
+  EXPECT_EQ(blob[8], '\0');
+  EXPECT_EQ(SysAllocString(nullptr), nullptr);
   EXPECT_EQ(SysStringLen(blob + 3), 0u) << "a pointer into a BSTR is a plain buffer";
 
   // Exactly sized heap blocks: ASan reports any read before or after them.
