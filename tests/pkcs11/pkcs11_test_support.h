@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -30,32 +31,26 @@ struct Library {
   F* Get(const char* name) const {
     return reinterpret_cast<F*>(dlsym(handle, name));
   }
+  CK_FUNCTION_LIST* List() const {
+    CK_FUNCTION_LIST* list = nullptr;
+    Get<CK_RV(CK_FUNCTION_LIST**)>("C_GetFunctionList")(&list);
+    return list;
+  }
   void* handle;
 };
 
-inline CK_FUNCTION_LIST* Ours() {
-  static Library module(MSTORE_PKCS11_LIBRARY);
-  static CK_FUNCTION_LIST* list = [] {
-    CK_FUNCTION_LIST* l = nullptr;
-    module.Get<CK_RV(CK_FUNCTION_LIST**)>("C_GetFunctionList")(&l);
-    return l;
-  }();
-  return list;
-}
 inline const Library& Ourselves() {
-  Ours();
   static Library module(MSTORE_PKCS11_LIBRARY);
   return module;
 }
+inline CK_FUNCTION_LIST* Ours() { return Ourselves().List(); }
 inline const Library& TestToken() {
   static Library token(MSTORE_TEST_TOKEN_MODULE);
   return token;
 }
-inline unsigned long Count(const char* name) { return TestToken().Get<unsigned long()>(name)(); }
-inline std::string LastPIN() {
-  char pin[64];
-  TestToken().Get<void(char*, size_t)>("TestTokenLastPIN")(pin, sizeof pin);
-  return pin;
+// How often the test token module's entry at `index` was called.
+inline unsigned long Calls(std::size_t index) {
+  return TestToken().Get<unsigned long(std::size_t)>("TestTokenCalls")(index);
 }
 inline std::string Status() {
   auto status = Ourselves().Get<size_t(char*, size_t)>("MerrowstorePKCS11Status");
@@ -64,29 +59,37 @@ inline std::string Status() {
   return report;
 }
 
+// A shell command's output (stderr too, nothing on stdin) and wait status.
+inline std::pair<std::string, int> Shell(const std::string& command) {
+  FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
+  std::string out;
+  char buffer[512];
+  while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) out += buffer;
+  return {out, pclose(pipe)};
+}
+
 inline void SetSetting(const char* name, std::int64_t value) {
   ASSERT_EQ(xk::settings::SetSettingValue(SecureString(name), QX::Framework::XKData(value)), S_OK);
 }
 
 // A sandbox (registry, settings) with a SoftHSM2 token "t" (SO PIN 5678, user
-// PIN 1234) of its own, the module under test set to the test token module
+// PIN `pin`) of its own, the module under test set to the test token module
 // and that one to SoftHSM2 (or `token`).
 struct World {
-  explicit World(const char* token = SOFTHSM2_LIBRARY) {
-    conf = sandbox.Dir() + "/softhsm2.conf";
+  explicit World(const char* token = SOFTHSM2_LIBRARY, const std::string& pin = "1234") {
+    const std::string conf = sandbox.Dir() + "/softhsm2.conf";
     mkdir((sandbox.Dir() + "/tokens").c_str(), 0700);
-    std::ofstream(conf) << "directories.tokendir = " << sandbox.Dir() << "/tokens\nobjectstore.backend = file\n"
-                        << "log.level = ERROR\n";
+    std::ofstream(conf) << "directories.tokendir = " << sandbox.Dir()
+                        << "/tokens\nobjectstore.backend = file\nlog.level = ERROR\n";
     setenv("SOFTHSM2_CONF", conf.c_str(), 1);
     setenv("XK_REGISTRY_PATH", sandbox.RegistryPath().c_str(), 1);  // for the programs it starts
     setenv("MERROWSTORE_PKCS11_MODULE", MSTORE_TEST_TOKEN_MODULE, 1);
     setenv("MSTORE_TEST_TOKEN", token, 1);
     unsetenv("MSTORE_TEST_FAIL_INITIALIZE");
-    if (std::system("softhsm2-util --init-token --free --label t --so-pin 5678 --pin 1234 >/dev/null") != 0)
+    if (Shell("softhsm2-util --init-token --free --label t --so-pin 5678 --pin " + pin).second != 0)
       throw std::runtime_error("softhsm2-util failed");
   }
   xk::test::Sandbox sandbox;
-  std::string conf;
 };
 
 // A read-write session on the first token, from an initialised list.
@@ -111,10 +114,8 @@ inline CK_TOKEN_INFO TokenInfo(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s) {
     throw std::runtime_error("no token information");
   return ti;
 }
-inline CK_FLAGS TokenFlags(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s) { return TokenInfo(f, s).flags; }
 inline std::string Serial(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE s) {
-  const CK_TOKEN_INFO ti = TokenInfo(f, s);
-  return std::string(reinterpret_cast<const char*>(ti.serialNumber), 16);  // SoftHSM2's fill all 16
+  return std::string(reinterpret_cast<const char*>(TokenInfo(f, s).serialNumber), 16);  // SoftHSM2's fill all 16
 }
 
 // A P-256 key pair on the token (logged in); returns the private key.

@@ -1,8 +1,8 @@
-// A PKCS#11 module for the tests only, put behind the module under test.
-// With MSTORE_TEST_TOKEN naming a module, it forwards every call there and
-// counts what the tests need to see (C_Initialize with its flags, C_Login with
-// its PIN); without it, every entry only records its position and answers
-// CKR_VENDOR_DEFINED + position (C_Initialize and C_Finalize answer CKR_OK).
+// A PKCS#11 module for the tests only, put behind the module under test. It
+// counts the calls of each entry (and keeps C_Initialize's flags); with
+// MSTORE_TEST_TOKEN naming a module it forwards every call there, without it
+// every entry answers CKR_VENDOR_DEFINED + its position (C_Initialize and
+// C_Finalize answer CKR_OK).
 // MSTORE_TEST_FAIL_INITIALIZE=1 makes C_Initialize fail with
 // CKR_DEVICE_ERROR.
 
@@ -10,9 +10,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <mutex>
-#include <string>
 
 #include "function_list.h"
 
@@ -20,9 +17,7 @@
 
 namespace {
 
-std::atomic<unsigned long> gLastCall{~0ul}, gInitializeCalls{0}, gInitializeFlags{0}, gLogins{0};
-std::mutex gPINMutex;
-std::string gLastPIN;
+std::atomic<unsigned long> gCalls[MSTORE_PKCS11_INDEX(C_WaitForSlotEvent) + 1], gInitializeFlags{0};
 std::atomic<CK_FUNCTION_LIST*> gToken{nullptr};
 
 template <std::size_t kIndex, auto Member, typename Function>
@@ -30,18 +25,17 @@ struct Entry;
 template <std::size_t kIndex, auto Member, typename... Args>
 struct Entry<kIndex, Member, CK_RV (*)(Args...)> {
   static CK_RV Call(Args... args) {
-    gLastCall = kIndex;
+    ++gCalls[kIndex];
     if (CK_FUNCTION_LIST* token = gToken.load()) return (token->*Member)(args...);
     return CKR_VENDOR_DEFINED + kIndex;
   }
 };
 
 CK_RV Initialize(void* initArgs) {
-  gLastCall = MSTORE_PKCS11_INDEX(C_Initialize);
-  ++gInitializeCalls;
+  ++gCalls[MSTORE_PKCS11_INDEX(C_Initialize)];
   gInitializeFlags = initArgs ? static_cast<CK_C_INITIALIZE_ARGS*>(initArgs)->flags : 0;
   const char* fail = std::getenv("MSTORE_TEST_FAIL_INITIALIZE");
-  if (fail != nullptr && std::strcmp(fail, "1") == 0) return CKR_DEVICE_ERROR;
+  if (fail != nullptr && *fail == '1') return CKR_DEVICE_ERROR;
   const char* path = std::getenv("MSTORE_TEST_TOKEN");
   if (path == nullptr || *path == '\0') return CKR_OK;
   void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);  // kept for the life of the process
@@ -54,44 +48,21 @@ CK_RV Initialize(void* initArgs) {
 }
 
 CK_RV Finalize(void* reserved) {
-  gLastCall = MSTORE_PKCS11_INDEX(C_Finalize);
+  ++gCalls[MSTORE_PKCS11_INDEX(C_Finalize)];
   CK_FUNCTION_LIST* token = gToken.exchange(nullptr);
   return token ? token->C_Finalize(reserved) : CKR_OK;
 }
 
-CK_RV Login(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
-  ++gLogins;
-  {
-    std::lock_guard<std::mutex> lock(gPINMutex);
-    gLastPIN.assign(pin ? reinterpret_cast<const char*>(pin) : "", pin ? pinLen : 0);
-  }
-  return Entry<MSTORE_PKCS11_INDEX(C_Login), &CK_FUNCTION_LIST::C_Login, CK_C_Login>::Call(session, userType, pin,
-                                                                                         pinLen);
-}
-
 #define ENTRY(name) &Entry<MSTORE_PKCS11_INDEX(name), &CK_FUNCTION_LIST::name, CK_##name>::Call,
 CK_FUNCTION_LIST gList = {{2, 40}, MSTORE_PKCS11_FUNCTIONS(ENTRY)};
+[[maybe_unused]] const bool gPatched = (gList.C_Initialize = &Initialize, gList.C_Finalize = &Finalize, true);
 
 }  // namespace
 
 TEST_EXPORT CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
-  static const bool patched = [] {
-    gList.C_Initialize = &Initialize;
-    gList.C_Finalize = &Finalize;
-    gList.C_Login = &Login;
-    return true;
-  }();
-  (void)patched;
   *list = &gList;
   return CKR_OK;
 }
 
-TEST_EXPORT unsigned long TestTokenLastCall() { return gLastCall; }
-TEST_EXPORT unsigned long TestTokenInitializeCalls() { return gInitializeCalls; }
+TEST_EXPORT unsigned long TestTokenCalls(std::size_t index) { return gCalls[index]; }
 TEST_EXPORT unsigned long TestTokenInitializeFlags() { return gInitializeFlags; }
-TEST_EXPORT unsigned long TestTokenLogins() { return gLogins; }
-// The last PIN C_Login was given, copied into buffer (NUL-terminated, cut).
-TEST_EXPORT void TestTokenLastPIN(char* buffer, size_t size) {
-  std::lock_guard<std::mutex> lock(gPINMutex);
-  std::snprintf(buffer, size, "%s", gLastPIN.c_str());
-}
