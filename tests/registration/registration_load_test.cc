@@ -95,11 +95,7 @@ std::size_t CountOf(const ChildRun& run, const std::string& record) {
 }  // namespace
 
 TEST(RegistrationLoad, TheCatalogueIsReadAtLoadAndTheStoresEndOnceAtUnload) {
-  xk::test::Sandbox sandbox;
-  ChildRun run = LoadInChild(sandbox);  // no catalogue key at all
-  ASSERT_EQ(run.status, 0) << run.report;
-  EXPECT_EQ(run.report, "history 1\nlist 0x0 0\n");
-
+  xk::test::Sandbox sandbox;  // (no catalogue key at all is mstore's empty catalogue)
   using namespace cattest;
   Write("A_plain");
   Dword("B_shared", "SharedBetweenUserSessions", 1);
@@ -114,7 +110,7 @@ TEST(RegistrationLoad, TheCatalogueIsReadAtLoadAndTheStoresEndOnceAtUnload) {
   for (const char* id : {"F_remanent", "F_vault"}) Dword(id, "Type", 1);
   Text("H_unreadable", "Encrypted", "yes");
   Dword("I_never_read", "SharedBetweenUserSessions", 1);
-  run = LoadInChild(sandbox);
+  const ChildRun run = LoadInChild(sandbox);
   ASSERT_EQ(run.status, 0) << run.report;
   EXPECT_EQ(run.report,
             "history 1\n"
@@ -125,7 +121,6 @@ TEST(RegistrationLoad, TheCatalogueIsReadAtLoadAndTheStoresEndOnceAtUnload) {
             "store E_encrypted 0 1 1 [Keldara] 0x0\n"
             "store F_remanent 1 0 1 [Keldara] 0x0\n"
             "store G_last 0 0 1 [Keldara] 0x0\n");
-  EXPECT_EQ(CountOf(run, "1 GetRegInfos qxRegRead failed rc = 70c"), 1u) << "H_unreadable ends the reading";
   // The sandbox has no key file, whatever the machine has: only the encrypted
   // remanent store is left out. The remanent store's write outlived the
   // child, in the clear.
