@@ -54,7 +54,6 @@ TEST_F(Settings, RegistryTypesAreReadAsNumbersOrText) {
   ASSERT_EQ(GetSettingValue(kPinAlways, value, nullptr), S_OK);
   EXPECT_EQ(value.GetKind(), XKData::Kind::kString);
   EXPECT_EQ(XKData(std::int64_t{-42}).String(), "-42");
-  EXPECT_EQ(XKData().Int(), 0);
 }
 
 TEST_F(Settings, UnknownNamesBadArgumentsAndInjectedFaults) {
