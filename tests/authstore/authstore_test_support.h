@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>

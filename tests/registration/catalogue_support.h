@@ -3,8 +3,6 @@
 
 // Writes store catalogue entries into the registry of the current sandbox.
 
-#include <string>
-
 #include "registry_support.h"
 
 namespace cattest {
