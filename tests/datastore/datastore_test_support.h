@@ -22,13 +22,6 @@ namespace dstest {
 using namespace mtest;
 using QX::DataStore::CStaticDataCacheClient;
 
-// A key file's 16 bytes; different seeds give different keys.
-inline Bytes KeyFile(unsigned char seed) {
-  Bytes bytes(16);
-  for (int i = 0; i < 16; ++i) bytes[i] = static_cast<unsigned char>(seed * 31 + i * 7);
-  return bytes;
-}
-
 // A store id of this test alone: stores and histories of tests stay apart in
 // the one process-wide map.
 inline std::string StoreId(const std::string& tag = "") {

@@ -43,7 +43,7 @@ TEST(ProtectedStore, EachKindGetsItsKeyAndItsTree) {
     const std::string what = std::to_string(&row - rows);
     SCOPED_TRACE("row " + what);
     std::filesystem::remove(sandbox.KeyFilePath());
-    if (row.keyFile) sandbox.WriteKeyFile(KeyFile(1));
+    if (row.keyFile) sandbox.WriteKeyFile(Bytes(16, 7));
     CInternalDataStore store;
     const auto eType = static_cast<QX::DataStore::Type>(row.type);
     EXPECT_EQ(store.Begin(Bstr(StoreId(what)), eType, row.encrypted, 1, S("P")), row.hr);
@@ -101,7 +101,7 @@ TEST(ProtectedStore, AnEncryptedStoreHoldsOnlyCiphertextAndHandsBackTheClearValu
 
 TEST(ProtectedStore, FailedProtectionOrRecoveryFailsTheCallAndKeepsTheData) {
   Sandbox sandbox;
-  sandbox.WriteKeyFile(KeyFile(1));
+  sandbox.WriteKeyFile(Bytes(16, 7));
   const std::string id = StoreId();
   for (const QX::DataStore::Type eType : {QX::DataStore::TypeMemory, QX::DataStore::TypeRemanent}) {
     const std::string sid = id + std::to_string(eType);
