@@ -66,7 +66,6 @@ class CommonCryptoTest : public ::testing::Test {
 TEST_F(CommonCryptoTest, KeyFileGivesItsFirstSixteenBytesUnmasked) {
   // length -1: no file.
   const struct { int length; const char* fault; HRESULT hr; SecureByteVector key; } cases[] = {
-      {16, nullptr, S_OK, FileKey()},
       {17, nullptr, S_OK, FileKey()},
       {15, nullptr, E_FAIL, FileKey(15)},
       {16, "fread", E_FAIL, FileKey(5)},
