@@ -23,12 +23,15 @@ struct Default {
   std::int64_t value;
 };
 
-// The built-in defaults: PINs cached per user session, for 15 minutes, and a
-// PIN prompt (not a confirmation) for keys that ask for the PIN on every use.
+// The built-in defaults: PINs cached per user session, for 15 minutes, a PIN
+// prompt (not a confirmation) for keys that ask for the PIN on every use, and
+// a PKCS#11 logout that keeps the token's cached PIN. The PKCS#11 module's
+// token module has no default.
 const Default kDefaults[] = {
     {"Merrowstore.Authentication.AllowPerProcess", 0},
     {"Merrowstore.Authentication.Timeout", 15},
     {"Merrowstore.Authentication.EnablePINCacheForPINAlwaysPrivateKeys", 0},
+    {"Merrowstore.PKCS11.ForgetPINOnLogout", 0},
 };
 
 // Reads the registry value of `name`. Returns ERROR_SUCCESS with `value` set,

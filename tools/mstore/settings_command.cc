@@ -50,6 +50,12 @@ int RunShow() {
     XKData value;
     HRESULT hr = GetSettingValue(key, value, nullptr);
     std::cout << std::left << std::setw(68) << name;
+    // A setting with no default (the PKCS#11 module's token module) is unset
+    // until it is set: no error.
+    if (hr < 0 && xk::settings::GetSettingSource(key) == xk::settings::Source::kNone) {
+      std::cout << std::setw(12) << "" << "(unset)\n";
+      continue;
+    }
     if (hr < 0) {
       std::cout << "error 0x" << std::hex << static_cast<std::uint32_t>(hr) << std::dec << "\n";
       status = 1;
