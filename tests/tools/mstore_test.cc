@@ -1,19 +1,162 @@
-// The commands of mstore that work on the library's stores, driven through
-// the binary: the catalogue, the stores the library registers from it, and
-// the shell.
+// mstore driven as a user would: through its binary, on a sandbox's registry
+// and key file. The registry and settings commands, the key file it writes
+// (the key the library reads), the catalogue, the stores the library
+// registers from it, and the shell.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <array>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
+#include <string>
 #include <utility>
 #include <vector>
 
-#include "mstore_test_support.h"
+#include "crypto/CommonCrypto.h"
+#include "crypto/KeyFileMask.h"
+#include "xk/testsupport.h"
 
-using namespace mstoretest;
+namespace {
 
+struct Result {
+  int status;
+  std::string out;
+};
+
+// Runs `binary` with `args` (shell words); stdout and stderr together.
+inline Result RunMstore(const xk::test::Sandbox& sandbox, const std::string& args,
+                        const std::string& binary = MSTORE_BINARY) {
+  FILE* p = popen((binary + " --registry '" + sandbox.RegistryPath() + "' " + args + " 2>&1").c_str(), "r");
+  Result r{-1, ""};
+  if (!p) return r;
+  std::array<char, 4096> buf;
+  for (std::size_t n; (n = fread(buf.data(), 1, buf.size(), p)) > 0;) r.out.append(buf.data(), n);
+  const int raw = pclose(p);
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  return r;
+}
+
+inline std::string WriteScript(const xk::test::Sandbox& sandbox, const std::string& text) {
+  const std::string path = sandbox.Dir() + "/script.mstore";
+  std::ofstream(path) << text;
+  return path;
+}
+
+inline bool Has(const std::string& out, const std::string& line) { return out.find(line) != std::string::npos; }
+
+std::vector<unsigned char> ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
+}
+
+// The key the library makes from the key file at its fixed path (which the
+// sandbox redirects).
+std::vector<unsigned char> LibraryKey() {
+  CommonCrypto crypto;
+  EXPECT_EQ(crypto.CreateNewPersistentKey(SecureString("label")), S_OK);
+  if (!crypto.PersistentKey()) return {};
+  SecureByteVector bytes = crypto.PersistentKey()->Export();
+  return std::vector<unsigned char>(bytes.begin(), bytes.end());
+}
+
+const std::string kKey = "'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Test'";
 typedef std::vector<std::pair<std::string, std::string>> Steps;  // a shell line and what it prints
+
+}  // namespace
+
+TEST(MstoreKeyFile, InitWritesAPrivateMaskedKeyThatTheLibraryReadsAndCheckJudgesIt) {
+  xk::test::Sandbox sandbox;
+  const std::string path = " --path '" + sandbox.KeyFilePath() + "'";
+  EXPECT_NE(RunMstore(sandbox, "keyfile check" + path).status, 0);  // nothing there yet
+  ASSERT_EQ(RunMstore(sandbox, "keyfile init" + path).status, 0);
+  EXPECT_EQ(RunMstore(sandbox, "keyfile check" + path).status, 0);
+  struct stat st;
+  ASSERT_EQ(stat(sandbox.KeyFilePath().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  const std::vector<unsigned char> stored = ReadAll(sandbox.KeyFilePath());
+  ASSERT_EQ(stored.size(), 16u);
+  const std::vector<unsigned char> key = LibraryKey();
+  ASSERT_EQ(key.size(), 16u);
+  for (std::size_t i = 0; i < 16; ++i) EXPECT_EQ(key[i], stored[i] ^ KeyFileMask[i]) << i;
+
+  // An existing key file is kept unless --force says otherwise.
+  EXPECT_NE(RunMstore(sandbox, "keyfile init" + path).status, 0);
+  EXPECT_EQ(ReadAll(sandbox.KeyFilePath()), stored);
+  ASSERT_EQ(RunMstore(sandbox, "keyfile init --force" + path).status, 0);
+  EXPECT_NE(ReadAll(sandbox.KeyFilePath()), stored);
+
+  // Short files, folders and a file where a folder should be are refused.
+  sandbox.WriteKeyFile(std::vector<unsigned char>(15, 7));
+  EXPECT_NE(RunMstore(sandbox, "keyfile check" + path).status, 0);
+  sandbox.WriteKeyFile(std::vector<unsigned char>(17, 7));
+  EXPECT_EQ(RunMstore(sandbox, "keyfile check" + path).status, 0);
+  EXPECT_NE(RunMstore(sandbox, "keyfile check --path '" + sandbox.Dir() + "'").status, 0);
+  EXPECT_NE(RunMstore(sandbox, "keyfile init --force --path '" + sandbox.KeyFilePath() + "/k.key'").status, 0);
+}
+
+TEST(MstoreCli, RegistrySetShowDumpAndDelete) {
+  xk::test::Sandbox sandbox;
+  for (const char* value : {"'\\Sub' Count --type dword 7", " Names --type multi_sz ab c", " Blob --type binary 'ba 02 ff 00'"})
+    ASSERT_EQ(RunMstore(sandbox, "registry set " + kKey + value).status, 0) << value;
+
+  Result show = RunMstore(sandbox, "registry show " + kKey);
+  EXPECT_EQ(show.status, 0);
+  EXPECT_TRUE(Has(show.out, "Names  multi_sz  6 bytes  [\"ab\", \"c\"]")) << show.out;
+  EXPECT_TRUE(Has(show.out, "Blob  binary  4 bytes  ba 02 ff 00")) << show.out;
+  EXPECT_FALSE(Has(show.out, "->")) << "outside the remanent stores no array is shown";
+
+  Result dump = RunMstore(sandbox, "registry dump 'HKEY_LOCAL_MACHINE\\Software'");
+  EXPECT_TRUE(Has(dump.out, "Count  dword  4 bytes  0x00000007 (7)")) << dump.out;
+  EXPECT_EQ(RunMstore(sandbox, "registry list " + kKey).out, "Sub\n");
+
+  // A key with subkeys goes only with --recursive.
+  EXPECT_NE(RunMstore(sandbox, "registry delete-key " + kKey).status, 0);
+  EXPECT_EQ(RunMstore(sandbox, "registry delete-key --recursive " + kKey).status, 0);
+  EXPECT_NE(RunMstore(sandbox, "registry show " + kKey).status, 0);
+
+  // In the remanent stores a value also shows the array it reads back as.
+  const std::string key = "'HKEY_LOCAL_MACHINE\\Software\\Norvane Co\\Merrowstore\\RemanentDataStore\\S\\1'";
+  for (const char* value : {" a --type binary 'ba 03 01 02 03'", " b --type multi_sz ab '' c",
+                            " c --type binary 'bb 02 61 62 bb 01 63'", " d --type binary '77 00'"})
+    ASSERT_EQ(RunMstore(sandbox, "registry set " + key + value).status, 0) << value;
+  show = RunMstore(sandbox, "registry show " + key);
+  EXPECT_TRUE(Has(show.out, "-> VT_UI1 vector of 3 elements (record 0xBA)")) << show.out;
+  // An empty string ends the list: only "ab" comes back.
+  EXPECT_TRUE(Has(show.out, "-> VT_BSTR vector of 1 element\n")) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> VT_UI1 array of 2 rows of 3 bytes (records 0xBB)")) << show.out;
+  EXPECT_TRUE(Has(show.out, "-> no array")) << show.out;
+}
+
+TEST(MstoreCli, SettingsAndBadInput) {
+  xk::test::Sandbox sandbox;
+  for (const std::string& args :
+       {std::string("registry show 'NOHIVE\\x'"), "registry set " + kKey + " V --type dword 4294967296",
+        "registry set " + kKey + " V --type binary abc", "registry set " + kKey + " V --type float 1",
+        "registry set " + kKey + " V --type sz", std::string("settings set No.Such 1"),
+        std::string("settings set Merrowstore.Authentication.Timeout ten"), std::string("--log nonsense settings show"),
+        std::string("frobnicate"), std::string("")}) {
+    Result r = RunMstore(sandbox, args);
+    EXPECT_NE(r.status, 0) << args;
+    EXPECT_FALSE(r.out.empty()) << args;
+  }
+
+  // Settings show their source and can be set and reset.
+  Result before = RunMstore(sandbox, "settings show");
+  ASSERT_EQ(before.status, 0) << before.out;
+  EXPECT_TRUE(Has(before.out, "15          (default)")) << before.out;
+
+  ASSERT_EQ(RunMstore(sandbox, "settings set Merrowstore.Authentication.Timeout 30").status, 0);
+  Result after = RunMstore(sandbox, "settings show");
+  EXPECT_TRUE(Has(after.out, "30          (registry)")) << after.out;
+  ASSERT_EQ(RunMstore(sandbox, "settings reset Merrowstore.Authentication.Timeout").status, 0);
+  EXPECT_TRUE(Has(RunMstore(sandbox, "settings show").out, "15          (default)"));
+  EXPECT_EQ(RunMstore(sandbox, "--log all settings show").status, 0);
+}
 
 TEST(MstoreCatalogue, EntriesAsListedAndAsTheLibraryRegistersThem) {
   xk::test::Sandbox sandbox;
