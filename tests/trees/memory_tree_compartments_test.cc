@@ -3,12 +3,19 @@
 // components, leading and trailing slashes, siblings sharing a prefix,
 // characters sorting next to "/") and random ones; lookups, creations and
 // removals against a set of keys; then the results of removal, flush and
-// listing, and a write whose allocations fail.
+// listing, and a write whose allocations fail. Then session lookup and
+// compartment move, written on the tree contract and exercised on memory
+// trees; the nodes that hold a memory tree's items; the version counters kept
+// in gHistoryTree, a memory tree.
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <set>
 
+#include "trees/AbstractTree.h"
+#include "trees/Node.h"
+#include "trees/VersionHistory.h"
 #include "tree_test_support.h"
 
 namespace {
@@ -199,6 +206,273 @@ TEST(MemoryTreeData, WriteSurvivesEachFailedAllocation) {
   EXPECT_GT(n, 5u) << "the array's block and its three strings each failed once";
   EXPECT_LT(n, 50u);
   SafeArrayDestroy(v);
+}
+
+class SessionsAndMoves : public HistoryTest {
+ protected:
+  std::string FindSession(const std::string& session, const std::string& sub, HRESULT expected = S_OK) {
+    SecureString found("untouched");
+    EXPECT_EQ(tree_.FindSessionId(S(session), S(sub), found), expected);
+    return std::string(found.data(), found.size());
+  }
+  Strings Sessions(HRESULT expected = S_OK) {
+    std::list<SecureString> sessions{S("stale")};
+    EXPECT_EQ(tree_.GetSessionIdList(sessions), expected);
+    return Strings(sessions.begin(), sessions.end());
+  }
+  CMemoryTree tree_{S("T")};
+};
+
+TEST_F(SessionsAndMoves, FindSessionId) {
+  EXPECT_EQ(FindSession("5", "x"), "5") << "a concrete session is believed";
+  EXPECT_EQ(FindSession("0", "x"), "0") << "an empty tree finds nothing, successfully";
+  for (const char* path : {"0/x", "7/x", "3/x", "10/x", "3/a/b/c"}) Put(tree_, path, "d");
+  EXPECT_EQ(FindSession("0", "x"), "10") << "the first session in byte order wins, \"0\" skipped";
+  EXPECT_EQ(FindSession("0", "x/y"), "0");
+  EXPECT_EQ(Sessions(), Strings({"0", "10", "3", "7"}));
+  // FindCompartmentId matches session and sub-compartment exactly.
+  for (const auto& [sub, expected] : {std::pair{"a/b", true}, {"a", true}, {"a/b/c", true}, {"a/b/c/d", false},
+                                      {"b", false}, {"a/", false}, {"", false}}) {
+    SecureString found("untouched");
+    bool bFound = !expected;
+    EXPECT_EQ(tree_.FindCompartmentId(S("3"), S(sub), found, bFound), S_OK);
+    EXPECT_EQ(bFound, expected) << sub;
+    EXPECT_EQ(found, expected ? S(std::string("3/") + sub) : S("untouched")) << sub;
+  }
+  // An empty session name can't be converted back and fails the session list.
+  Put(tree_, "/lead", "d");
+  EXPECT_EQ(Sessions(E_INVALIDARG), Strings());
+  EXPECT_EQ(FindSession("0", "x", E_INVALIDARG), "untouched");
+}
+
+TEST_F(SessionsAndMoves, LookupFaults) {
+  FaultInjector faults;
+  Put(tree_, "3/a", "d");
+  Put(tree_, "4/a", "d");
+  faults.FailWithCode("SafeArrayGetElement", E_UNEXPECTED, 1);
+  EXPECT_EQ(Sessions(E_UNEXPECTED), Strings());
+  // Gets: sessions 3 and 4, then the keys 3, 3/a, 4, 4/a of session 3's scan.
+  // A failed element is skipped (here session 3's match, so 4 answers) and the
+  // last element's result is the scan's.
+  faults.FailWithCode("SafeArrayGetElement", E_UNEXPECTED, 4);
+  EXPECT_EQ(FindSession("0", "a"), "4");
+  faults.FailWithCode("SafeArrayGetElement", E_UNEXPECTED, 3, true);
+  EXPECT_EQ(FindSession("0", "a", E_UNEXPECTED), "untouched");
+  faults.Reset();
+  SecureString found;
+  bool bFound = true;
+  faults.FailWithCode("SafeArrayPutElement", E_UNEXPECTED, 1);
+  EXPECT_EQ(tree_.FindCompartmentId(S("3"), S("a"), found, bFound), E_UNEXPECTED);
+  EXPECT_FALSE(bFound);
+}
+
+TEST_F(SessionsAndMoves, MoveCopiesTheSubtreeAndCanRemoveTheSource) {
+  EXPECT_EQ(tree_.MoveCompartmentIds(S("nowhere"), S("t"), false), E_FAIL);
+  Put(tree_, "a/b", "x", "1");
+  Put(tree_, "a/b", "y", "2");
+  Put(tree_, "a/b/e/f", "z", "3");
+  Put(tree_, "a/bc", "q");
+  tree_.CreateCompartment(S("a/b/empty"), 0);
+  EXPECT_EQ(tree_.MoveCompartmentIds(S("a/b"), S("c/d"), false), E_FAIL) << "the last child is a leaf";
+  EXPECT_EQ(Stored(tree_, "c/d/e/f", "z"), Strings({"3"}));
+  // No empty compartment, no a/bc at the target.
+  EXPECT_EQ(AllKeys(tree_), Strings({"a", "a/b", "a/b/e", "a/b/e/f", "a/b/empty", "a/bc", "c", "c/d", "c/d/e",
+                                     "c/d/e/f"}));
+  // With removal, the top RemoveCompartment's result is the move's, and it
+  // raises the source's descendants.
+  EXPECT_EQ(tree_.MoveCompartmentIds(S("a/b"), S("m"), true), S_OK);
+  EXPECT_EQ(AllKeys(tree_), Strings({"a", "a/bc", "c", "c/d", "c/d/e", "c/d/e/f", "m", "m/e", "m/e/f"}));
+  EXPECT_EQ(Versions("T/a/b/e/f"), V(1, 1));
+}
+
+// Each allocation of a move fails in turn: the source stays intact, each item
+// at the target is whole or absent, the failure leaves a trace, nothing leaks.
+TEST_F(SessionsAndMoves, MoveSurvivesEachFailedAllocation) {
+  Put(tree_, "a", "x", "1");
+  Put(tree_, "a/b", "y", "2");
+  Put(tree_, "a/b/c", "z", "3");
+  const Strings source = AllKeys(tree_);
+  unsigned n = 1;
+  for (bool completed = false; !completed && n < 200; ++n) {
+    LogCapture log;
+    FaultInjector faults;
+    faults.FailWithNull("winext.Allocate", n);
+    tree_.MoveCompartmentIds(S("a"), S("t"), false);
+    completed = faults.Fired("winext.Allocate") == 0;
+    faults.Reset();
+    bool traced = completed;
+    for (const auto& e : log.Entries()) traced |= e.level == 1 || e.text.find("hr = 0x8007000e") != std::string::npos;
+    EXPECT_TRUE(traced) << n;
+    const char* items[][3] = {{"a", "t", "x"}, {"a/b", "t/b", "y"}, {"a/b/c", "t/b/c", "z"}};
+    for (int i = 0; i < 3; ++i) {
+      const Strings value = {std::to_string(i + 1)};
+      EXPECT_EQ(Stored(tree_, items[i][0], items[i][2]), value) << n;
+      const Strings copy = Stored(tree_, items[i][1], items[i][2]);
+      EXPECT_TRUE(copy.empty() || copy == value) << n;
+      EXPECT_TRUE(!completed || copy == value) << n;
+    }
+    tree_.RemoveCompartment(S("t"), 1, 0);
+  }
+  EXPECT_GT(n, 10u);
+  EXPECT_LT(n, 200u);
+  EXPECT_EQ(AllKeys(tree_), source);
+}
+
+// CNode owns deep copies: the caller's arrays stay the caller's, a replaced or
+// removed value is destroyed (AddressSanitizer reports one that isn't), and a
+// failed copy or destruction is reported.
+Strings Item(CNode& node, const char* id) {
+  SAFEARRAY* psa = nullptr;
+  return node.GetDataItem(S(id), psa) == S_OK ? Take(psa) : Strings({"<absent>"});
+}
+
+// A node keeps deep copies (the caller's array stays the caller's, each read
+// is a copy of its own), finds a handful of items by walking them and more by
+// searching its map, and remembers the item it found last; each way must agree
+// with what was put, replaced and removed.
+TEST(CNode, KeepsCopiesAndFindsItemsWhateverTheirNumber) {
+  CNode node(S("n"));
+  std::map<std::string, std::string> held;
+  auto id = [](int i) { return "id" + std::string(i % 3, '.') + std::to_string(i); };
+  auto put = [&](const std::string& key, const std::string& value) {
+    SAFEARRAY* v = MakeValue({value});
+    EXPECT_EQ(node.AddDataItem(S(key), v), S_OK);
+    int at = 0;
+    EXPECT_EQ(SafeArrayPutElement(v, &at, const_cast<char*>("changed by the caller")), S_OK);
+    SafeArrayDestroy(v);
+    held[key] = value;
+    for (const auto& [each, text] : held) EXPECT_EQ(Item(node, each.c_str()), Strings({text})) << key;
+  };
+  for (int i = 0; i < 12; ++i) put(id(i), id(i));
+  for (int i = 1; i < 12; i += 3) put(id(i), "replaced");  // the replaced copy is destroyed (ASan)
+  for (int i = 0; i < 12; i += 2) {
+    EXPECT_EQ(node.RemoveDataItem(S(id(i))), S_OK);
+    held.erase(id(i));
+    SAFEARRAY* out = reinterpret_cast<SAFEARRAY*>(&node);
+    EXPECT_EQ(node.GetDataItem(S(id(i)), out), E_INVALIDARG) << "not found again after its removal";
+    EXPECT_EQ(out, reinterpret_cast<SAFEARRAY*>(&node)) << "a miss leaves the output alone";
+    EXPECT_EQ(node.RemoveDataItem(S(id(i))), E_INVALIDARG);
+    for (const auto& [each, text] : held) EXPECT_EQ(Item(node, each.c_str()), Strings({text})) << id(i);
+  }
+  std::vector<SecureString> ids{S("kept")};
+  EXPECT_EQ(node.ListDataItems(ids), S_OK);
+  Strings expected{"kept"};  // appended after what was there
+  for (const auto& entry : held) expected.push_back(entry.first);
+  EXPECT_EQ(Strings(ids.begin(), ids.end()), expected);
+}
+
+TEST(CNode, FailedCopiesAndDestructions) {
+  LeakAllowedScope leaking;  // an array whose destruction fails is lost
+  LogCapture log;
+  FaultInjector faults;
+  {
+    CNode node(S("n"));
+    SAFEARRAY* v = MakeValue({"old"});
+    // (A failed copy, which takes the old value with it, is the write test's.)
+    for (const char* id : {"b", "c", "d", "e"}) node.AddDataItem(S(id), v);
+    SafeArrayDestroy(v);
+    faults.FailWithCode("qxSafeArrayDestroy", DISP_E_ARRAYISLOCKED);
+    EXPECT_EQ(node.RemoveDataItem(S("b")), DISP_E_ARRAYISLOCKED);
+    EXPECT_EQ(Item(node, "b"), Strings({"<absent>"})) << "erased all the same";
+    // The destructor destroys "c", fails on "d" and never tries "e".
+    faults.FailWithCode("qxSafeArrayDestroy", E_UNEXPECTED, 2, true);
+  }
+  EXPECT_EQ(faults.Fired("qxSafeArrayDestroy"), 1u);
+  EXPECT_TRUE(log.Contains(1, "CNode::~CNode qxSafeArrayDestroy hr = 0x8000ffff"));
+}
+
+// Version counters in gHistoryTree: raising one, raising a path, reading both,
+// the results masked on purpose, and IsCompartmentCached that reports them.
+class VersionHistory : public HistoryTest {};
+
+TEST_F(VersionHistory, CountersStartAtOneWrapAndRiseAlongThePath) {
+  EXPECT_EQ(UpdateVersion(S("T/s"), 0), S_OK);
+  EXPECT_EQ(UpdateVersion(S("T/s"), 0), S_OK);
+  EXPECT_EQ(UpdateVersion(S("T/s"), 7), S_OK) << "any non-zero kind is the content counter";
+  EXPECT_EQ(Versions("T/s"), V(2, 1));
+  EXPECT_EQ(Versions("T"), V(0, 0));
+  gHistoryTree->SetData(S("W"), S("CompartmentVersion"), Array(Make(VT_UINT, {1}, Bytes(4, 0xFF))).get(), 0, 0);
+  EXPECT_EQ(UpdateVersion(S("W"), 0), S_OK);
+  EXPECT_EQ(Versions("W"), V(0, 0));
+
+  RenewHistory();
+  EXPECT_EQ(UpdateHistoryTree(S("T/S/C"), -1), S_OK);
+  EXPECT_EQ(UpdateHistoryTree(S("T/S/D"), 1), S_OK);
+  EXPECT_EQ(UpdateHistoryTree(S("T/S"), 0), S_OK);
+  EXPECT_EQ(UpdateHistoryTree(S("T/S/E"), 2), S_OK) << "walks and changes nothing";
+  EXPECT_EQ(Versions("T"), V(2, 2));
+  EXPECT_EQ(Versions("T/S"), V(2, 2));
+  EXPECT_EQ(Versions("T/S/C"), V(1, 1));
+  EXPECT_EQ(Versions("T/S/D"), V(0, 1));
+  EXPECT_EQ(UpdateHistoryTree(S("U//x/"), 1), S_OK);
+  EXPECT_EQ(AllKeys(*gHistoryTree), Strings({"T", "T/S", "T/S/C", "T/S/D", "U", "U/", "U//x", "U//x/"}));
+}
+
+TEST_F(VersionHistory, FailedStepsOfUpdateVersionAndGetVersion) {
+  LeakAllowedScope leaking;  // an array whose destruction fails is lost
+  LogCapture log;
+  FaultInjector faults;
+  UpdateVersion(S("T"), 1);
+  UpdateVersion(S("T"), 1);
+  faults.FailWithNull("SafeArrayCopy", 2);  // the write's copy, after the old value went
+  EXPECT_EQ(UpdateVersion(S("T"), 1), S_OK) << "a failed write is lost to the caller";
+  EXPECT_TRUE(log.Contains(1, "UpdateVersion SetData failed"));
+  EXPECT_EQ(Versions("T"), V(0, 0));
+  UpdateVersion(S("T"), 0);
+  UpdateVersion(S("T"), 0);
+  faults.FailWithCode("SafeArrayCopy", E_UNEXPECTED);  // the lookup: the counter restarts
+  EXPECT_EQ(UpdateVersion(S("T"), 0), S_OK);
+  EXPECT_EQ(Versions("T"), V(1, 0));
+  faults.FailWithCode("SafeArrayGetElement", DISP_E_BADINDEX);
+  EXPECT_EQ(UpdateVersion(S("T"), 0), S_OK) << "masked by the destruction that follows";
+  faults.FailWithNull("SafeArrayCreateVector");
+  EXPECT_EQ(UpdateVersion(S("T"), 0), S_OK);
+  faults.FailWithNull("SafeArrayCreateVector");
+  EXPECT_EQ(UpdateVersion(S("N"), 0), E_INVALIDARG) << "no array read: the lookup's code remains";
+  EXPECT_EQ(Versions("T"), V(1, 0)) << "nothing written";
+  // Destructions: the replaced stored value, the value read, the new value.
+  faults.FailWithCode("qxSafeArrayDestroy", E_UNEXPECTED, 2);
+  EXPECT_EQ(UpdateVersion(S("T"), 0), S_OK) << "a later destruction replaces the failure";
+  faults.FailWithCode("qxSafeArrayDestroy", E_UNEXPECTED, 3);
+  EXPECT_EQ(UpdateVersion(S("T"), 0), E_UNEXPECTED);
+  faults.Reset();
+  EXPECT_EQ(Versions("T"), V(3, 0));
+
+  UpdateVersion(S("C"), 1);  // content counter only
+  V v(9, 9);
+  faults.FailWithNull("SafeArrayCopy");
+  EXPECT_EQ(GetVersion(S("C"), &v.first, &v.second), E_OUTOFMEMORY);
+  EXPECT_EQ(v, V(0, 0));
+  EXPECT_EQ(GetVersion(S("C"), nullptr, &v.second), E_FAIL);
+  UpdateHistoryTree(S("B"), -1);
+  UpdateVersion(S("B"), 1);
+  faults.FailWithNull("SafeArrayCopy", 2);
+  EXPECT_EQ(Versions("B"), V(1, 0)) << "the first array's destruction replaces the failure";
+  faults.FailWithCode("SafeArrayGetElement", DISP_E_BADINDEX);
+  EXPECT_EQ(Versions("B"), V(0, 0)) << "a failed first read ends the reading";
+  faults.FailWithCode("qxSafeArrayDestroy", E_UNEXPECTED, 2);
+  EXPECT_EQ(Versions("B"), V(1, 2)) << "a failed destruction is retried";
+  EXPECT_EQ(log.Count("GetVersion qxSafeArrayDestroy failed"), 1u);
+}
+
+TEST_F(VersionHistory, IsCompartmentCachedReportsTheTreesVersionsAndNothingWorksWithoutHistory) {
+  LogCapture log;
+  CMemoryTree tree(S("T"));
+  tree.CreateCompartment(S("s/c"), 0);
+  UpdateHistoryTree(S("T/s/c"), -1);
+  // (A store's compartments and "/" are the data store's and mstore's tests.)
+  EXPECT_EQ(Cached(*gHistoryTree, "T/s"), C({1, 1, 1})) << "the history reads its own keys";
+  unsigned long compartment = 77;
+  signed char cached = 77;
+  EXPECT_EQ(tree.IsCompartmentCached(S("s"), &compartment, nullptr, &cached, 0), E_FAIL);
+  DropHistory();
+  EXPECT_EQ(Cached(tree, "s/c", E_FAIL), C({9, 9, 9})) << "no output written";
+  EXPECT_EQ(UpdateHistoryTree(S("T/S"), -1), E_FAIL);
+  EXPECT_EQ(log.Count("UpdateVersion NULL == gHistoryTree"), 1u) << "the walk stops at the first failure";
+  EXPECT_EQ(UpdateHistoryTree(S("T/S"), 5), S_OK) << "no UpdateVersion ran";
+  V v(9, 9);
+  EXPECT_EQ(GetVersion(S("T"), &v.first, &v.second), E_FAIL);
+  EXPECT_EQ(v, V(0, 0)) << "GetVersion zeroes its outputs all the same";
 }
 
 }  // namespace
