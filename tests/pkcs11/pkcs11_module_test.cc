@@ -141,6 +141,15 @@ TEST_F(PKCS11PINCache, ARefusedPINReachesTheTokenOnce) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(refused, 20);
   EXPECT_EQ(Calls(MSTORE_PKCS11_INDEX(C_Login)), before + 1);
+  // A locked or expired PIN takes the cached one with it, whatever was typed.
+  for (CK_RV answer : {CKR_PIN_LOCKED, CKR_PIN_EXPIRED}) {
+    ASSERT_EQ(Login(f, s, "1111"), CKR_OK);
+    ASSERT_EQ(f->C_Logout(s), CKR_OK);
+    setenv("MSTORE_TEST_LOGIN_ANSWER", std::to_string(answer).c_str(), 1);
+    EXPECT_EQ(Login(f, s, "2222"), answer);
+    unsetenv("MSTORE_TEST_LOGIN_ANSWER");
+    EXPECT_EQ(Login(f, s, nullptr), CKR_PIN_INCORRECT);
+  }
 }
 
 // A key that asks for the PIN on every use: a user login's PIN, typed or taken

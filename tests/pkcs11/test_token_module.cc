@@ -4,7 +4,8 @@
 // every entry answers CKR_VENDOR_DEFINED + its position (C_Initialize and
 // C_Finalize answer CKR_OK).
 // MSTORE_TEST_FAIL_INITIALIZE=1 makes C_Initialize fail with
-// CKR_DEVICE_ERROR.
+// CKR_DEVICE_ERROR; MSTORE_TEST_LOGIN_ANSWER=<code> makes every C_Login answer
+// that code without asking the token.
 
 #include <dlfcn.h>
 
@@ -47,6 +48,14 @@ CK_RV Initialize(void* initArgs) {
   return rv;
 }
 
+CK_RV Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG pinLen) {
+  ++gCalls[MSTORE_PKCS11_INDEX(C_Login)];
+  const char* answer = std::getenv("MSTORE_TEST_LOGIN_ANSWER");
+  if (answer != nullptr && *answer != '\0') return std::strtoul(answer, nullptr, 0);
+  CK_FUNCTION_LIST* token = gToken.load();
+  return token ? token->C_Login(session, user, pin, pinLen) : CKR_VENDOR_DEFINED + MSTORE_PKCS11_INDEX(C_Login);
+}
+
 CK_RV Finalize(void* reserved) {
   ++gCalls[MSTORE_PKCS11_INDEX(C_Finalize)];
   CK_FUNCTION_LIST* token = gToken.exchange(nullptr);
@@ -55,7 +64,8 @@ CK_RV Finalize(void* reserved) {
 
 #define ENTRY(name) &Entry<MSTORE_PKCS11_INDEX(name), &CK_FUNCTION_LIST::name, CK_##name>::Call,
 CK_FUNCTION_LIST gList = {{2, 40}, MSTORE_PKCS11_FUNCTIONS(ENTRY)};
-[[maybe_unused]] const bool gPatched = (gList.C_Initialize = &Initialize, gList.C_Finalize = &Finalize, true);
+[[maybe_unused]] const bool gPatched =
+    (gList.C_Initialize = &Initialize, gList.C_Finalize = &Finalize, gList.C_Login = &Login, true);
 
 }  // namespace
 
