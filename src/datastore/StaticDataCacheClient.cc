@@ -2,6 +2,7 @@
 
 #include "common/FctUtils.h"
 #include "common/Module.h"
+#include "common/StoreIdList.h"
 #include "datastore/InternalDataStore.h"
 #include "registration/StaticDataStoreRegistration.h"
 #include "xk/log.h"
@@ -96,28 +97,8 @@ HRESULT CStaticDataCacheClient::RegisterDataStore(char* sStoreId, Type eType, si
 
 HRESULT CStaticDataCacheClient::ListDataStoreIds(tagSAFEARRAY** ppsaStoreIds) {
   xklogLog(MSTORE_MODULE, 8, "CStaticDataCacheClient::ListDataStoreIds");
-  HRESULT hr = S_OK;
-  if (ppsaStoreIds != NULL) {
-    const auto& stores = gStaticDataStoreRegistration.m_Stores;
-    SAFEARRAY* psaStoreIds = SafeArrayCreateVector(VT_BSTR, 0, stores.size());
-    *ppsaStoreIds = psaStoreIds;
-    int index = 0;
-    // Each id overwrites the code: only the last id's outcome is returned.
-    for (const auto& entry : stores) {
-      BSTR bstrStoreId = NULL;
-      hr = wstring2BSTR(entry.first, bstrStoreId);
-      if (FAILED(hr)) {
-        xklogLog(MSTORE_MODULE, 1, "CStaticDataCacheClient::ListDataStoreIds wstring2BSTR failed");
-        continue;
-      }
-      hr = SafeArrayPutElement(psaStoreIds, &index, bstrStoreId);
-      if (FAILED(hr))
-        xklogLog(MSTORE_MODULE, 1, "CStaticDataCacheClient::ListDataStoreIds SafeArrayPutElement failed");
-      else
-        ++index;
-      qxSysFreeString(bstrStoreId, 0);
-    }
-  }
+  const HRESULT hr = ListStoreIds(gStaticDataStoreRegistration.m_Stores,
+                                  "CStaticDataCacheClient::ListDataStoreIds", ppsaStoreIds);
   xklogLog(MSTORE_MODULE, 16, "CStaticDataCacheClient::ListDataStoreIds hr = 0x%x", static_cast<unsigned int>(hr));
   return hr;
 }

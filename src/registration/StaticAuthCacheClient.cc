@@ -3,6 +3,7 @@
 #include "authstore/InternalAuthStore.h"
 #include "common/FctUtils.h"
 #include "common/Module.h"
+#include "common/StoreIdList.h"
 #include "registration/StaticAuthStoreRegistration.h"
 #include "xk/log.h"
 
@@ -432,28 +433,8 @@ HRESULT CStaticAuthCacheClient::FlushAuthStores() {
 
 HRESULT CStaticAuthCacheClient::ListAuthStoreIds(SAFEARRAY** ppsaStoreIds) {
   xklogLog(MSTORE_MODULE, 8, "CStaticAuthCacheClient::ListAuthStoreIds");
-  HRESULT hr = S_OK;
-  if (ppsaStoreIds != NULL) {
-    const auto& stores = gStaticAuthStoreRegistration.m_Stores;
-    SAFEARRAY* psaStoreIds = SafeArrayCreateVector(VT_BSTR, 0, stores.size());
-    *ppsaStoreIds = psaStoreIds;
-    int index = 0;
-    // Each id overwrites the code: only the last id's outcome is returned.
-    for (const auto& entry : stores) {
-      BSTR bstrStoreId = NULL;
-      hr = wstring2BSTR(entry.first, bstrStoreId);
-      if (FAILED(hr)) {
-        xklogLog(MSTORE_MODULE, 1, "CStaticAuthCacheClient::ListAuthStoreIds wstring2BSTR failed");
-        continue;
-      }
-      hr = SafeArrayPutElement(psaStoreIds, &index, bstrStoreId);
-      if (FAILED(hr))
-        xklogLog(MSTORE_MODULE, 1, "CStaticAuthCacheClient::ListAuthStoreIds SafeArrayPutElement failed");
-      else
-        ++index;
-      SysFreeString(bstrStoreId);
-    }
-  }
+  const HRESULT hr = ListStoreIds(gStaticAuthStoreRegistration.m_Stores,
+                                  "CStaticAuthCacheClient::ListAuthStoreIds", ppsaStoreIds);
   xklogLog(MSTORE_MODULE, 16, "CStaticAuthCacheClient::ListAuthStoreIds hr = 0x%x", Code(hr));
   return hr;
 }
