@@ -27,6 +27,7 @@
 // reads the store catalogue from the registry: run it with XK_REGISTRY_PATH
 // naming a scratch file (see docs/performance.md).
 
+#include "bench_support.h"
 #include <keyutils.h>
 #include <uuid/uuid.h>
 
@@ -46,31 +47,14 @@
 
 namespace {
 
+using bench::Bstr;
+using bench::Require;
+
 constexpr char kStoreId[] = "{AEA79AF9-BECB-490a-BCCB-CD0806BA970D}";
 constexpr unsigned int kPINSize = 8;
 const unsigned char kPIN[kPINSize] = {'4', '7', '1', '1', '0', '8', '1', '5'};
 constexpr char kKeyDescription[] = "merrowstore-bench:Reader 0/PIN 1";
 constexpr unsigned int kTimeoutSeconds = 15 * 60;
-
-void Require(bool ok, const char* what) {
-  if (!ok) {
-    std::fprintf(stderr, "authstore_bench: %s\n", what);
-    std::abort();
-  }
-}
-
-// A BSTR made by the value service, as the middleware passes identifiers.
-class Bstr {
- public:
-  explicit Bstr(const char* s) : m_b(SysAllocStringByteLen(s, static_cast<unsigned>(std::strlen(s)))) {}
-  ~Bstr() { SysFreeString(m_b); }
-  Bstr(const Bstr&) = delete;
-  Bstr& operator=(const Bstr&) = delete;
-  operator char*() const { return m_b; }
-
- private:
-  BSTR m_b;
-};
 
 // True if psa is a VT_UI1 vector holding exactly the PIN.
 bool HoldsPIN(SAFEARRAY* psa) {

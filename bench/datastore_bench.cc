@@ -15,6 +15,7 @@
 // Loading the library reads the store catalogue from the registry: run it
 // with XK_REGISTRY_PATH naming a scratch file (see docs/performance.md).
 
+#include "bench_support.h"
 #include <sqlite3.h>
 
 #include <cstdio>
@@ -34,32 +35,15 @@
 
 namespace {
 
+using bench::Bstr;
+using bench::Require;
+
 using QX::DataStore::CStaticDataCacheClient;
 
 constexpr unsigned long kValueSize = 32;
 constexpr int kChildrenPerSession = 10;
 constexpr int kProbeItems = 4;
 constexpr int kProbes = 16;  // a power of two: Next() wraps with a mask
-
-void Require(bool ok, const char* what) {
-  if (!ok) {
-    std::fprintf(stderr, "datastore_bench: %s\n", what);
-    std::abort();
-  }
-}
-
-// A BSTR made by the value service, as the middleware passes identifiers.
-class Bstr {
- public:
-  explicit Bstr(const std::string& s) : m_b(SysAllocStringByteLen(s.data(), static_cast<unsigned>(s.size()))) {}
-  ~Bstr() { SysFreeString(m_b); }
-  Bstr(const Bstr&) = delete;
-  Bstr& operator=(const Bstr&) = delete;
-  operator char*() const { return m_b; }
-
- private:
-  BSTR m_b;
-};
 
 const std::vector<unsigned char>& PayloadBytes() {
   static const std::vector<unsigned char> bytes = [] {

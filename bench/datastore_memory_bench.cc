@@ -11,6 +11,7 @@
 // Loading the library reads the store catalogue from the registry: run it
 // with XK_REGISTRY_PATH naming a scratch file (see docs/performance.md).
 
+#include "bench_support.h"
 #include <malloc.h>
 #include <unistd.h>
 
@@ -25,6 +26,8 @@
 #include "xk/oleauto.h"
 
 namespace {
+
+using bench::Bstr;
 
 using QX::DataStore::CStaticDataCacheClient;
 
@@ -54,19 +57,6 @@ void Report(benchmark::State& state, const Usage& before, const Usage& after) {
   state.counters["heap_per_item"] = static_cast<double>(after.heap - before.heap) / kItems;
   state.counters["rss_MB"] = static_cast<double>(after.resident - before.resident) / 1e6;
 }
-
-// A BSTR made by the value service, as the middleware passes identifiers.
-class Bstr {
- public:
-  explicit Bstr(const std::string& s) : m_b(SysAllocStringByteLen(s.data(), static_cast<unsigned>(s.size()))) {}
-  ~Bstr() { SysFreeString(m_b); }
-  Bstr(const Bstr&) = delete;
-  Bstr& operator=(const Bstr&) = delete;
-  operator char*() const { return m_b; }
-
- private:
-  BSTR m_b;
-};
 
 // Sessions "S<k>" of compartments "S<k>/C<j>", each holding `itemsPerCompartment`
 // items "D0", "D1", ...: the names of item `i`.

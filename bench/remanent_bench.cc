@@ -16,6 +16,7 @@
 // catalogue before the sandbox exists: run it with XK_REGISTRY_PATH naming a
 // scratch file (see docs/performance.md).
 
+#include "bench_support.h"
 #include <openssl/evp.h>
 #include <sqlite3.h>
 
@@ -36,6 +37,9 @@
 
 namespace {
 
+using bench::Bstr;
+using bench::Require;
+
 using QX::DataStore::CStaticDataCacheClient;
 
 constexpr const char* kHklm = "HKEY_LOCAL_MACHINE";
@@ -51,26 +55,6 @@ const unsigned char kKeyFileMask[16] = {0x5A, 0xC3, 0x17, 0x8E, 0x64, 0xB9, 0x02
 // The IV every protected value is written with.
 const unsigned char kIv[16] = {0x7C, 0x10, 0xEA, 0x4F, 0xA3, 0x33, 0xCF, 0x99,
                                0x07, 0x55, 0xB8, 0x66, 0xD9, 0x29, 0x87, 0xEC};
-
-void Require(bool ok, const char* what) {
-  if (!ok) {
-    std::fprintf(stderr, "remanent_bench: %s\n", what);
-    std::abort();
-  }
-}
-
-// A BSTR made by the value service, as the middleware passes identifiers.
-class Bstr {
- public:
-  explicit Bstr(const char* s) : m_b(SysAllocStringByteLen(s, static_cast<unsigned>(std::strlen(s)))) {}
-  ~Bstr() { SysFreeString(m_b); }
-  Bstr(const Bstr&) = delete;
-  Bstr& operator=(const Bstr&) = delete;
-  operator char*() const { return m_b; }
-
- private:
-  BSTR m_b;
-};
 
 std::int64_t Now() {
   timespec now;
